@@ -1,0 +1,86 @@
+// The host's handle to one agent endpoint: reads and writes target memory and registers through
+// the agent library, and reserves target memory. The host owns it through
+// boost::shared_ptr<TaProcess>. The agent library holds one session for the whole host process,
+// so every data access first makes this process's endpoint the open session.
+//
+// Any host thread may call any operation. Each data access and the session switch before it run
+// under one lock shared by all processes, so an access always reaches its own process's endpoint.
+// The reservation operations take no lock and act on whatever session is open.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <boost/thread/mutex.hpp>
+
+#include "agent/KVXConnection.h"
+#include "ta_kvx_export.h"
+#include "vorn/ExtAddress.h"
+#include "vorn/TaProcess.h"
+
+namespace vorn {
+
+class TA_KVX_EXPORT TaProcessKVX : public TaProcess {
+ public:
+  /// A process for the agent at (`address`, `port`); opens no session. Sets
+  /// ExtAddress::memorySpaceIds to the one name "logger".
+  TaProcessKVX(std::string address, int port);
+  /// Makes no agent call: the session stays open and m_sharedConnection goes on describing it.
+  ~TaProcessKVX() override;
+
+  TaProcessKVX(const TaProcessKVX&) = delete;
+  TaProcessKVX& operator=(const TaProcessKVX&) = delete;
+
+  // Implementations of the TaProcess interface. The byte count is count * unitSize, wrapping
+  // modulo 2^64. The agent moves at most 8 bytes a call: longer memory accesses and register
+  // writes are cut to their first 8 bytes, never split, and draw a warning on "tesk.ta.kvx"; a
+  // longer register read only draws the warning. A refusal by the agent throws vorn::Exception.
+  bool write_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, const void* data) override;
+  /// Overwrites the first n bytes of `buffer` (n <= 8) even when the agent refuses the read.
+  bool read_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, void* buffer) override;
+  /// Not offered: returns false and touches nothing.
+  bool read_piped_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, void* buffer) override;
+  /// The agent always receives a full 64-bit value, zero above the data.
+  bool write_register(const std::string& registerName, size_t count, unsigned int unitSize,
+                      const void* data) override;
+  /// `buffer` is handed to the agent library as it is; it stores the register's value there.
+  bool read_register(const std::string& registerName, size_t count, unsigned int unitSize,
+                     void* buffer) override;
+  bool callbacksAvailable() override;
+  /// 1, the process type of this access method.
+  int32_t getProcessType() override;
+
+  // Target memory reservations, in the "physical" memory space. They act on whichever session
+  // is open, take no lock, log nothing and report an agent failure as false.
+  /// Sets extAddress.memorySpace and stores the reserved block's address in extAddress.address.
+  bool reserve_mem(size_t size, ExtAddress& extAddress);
+  /// Sets extAddress.memorySpace, even when the release fails.
+  bool unreserve_mem(ExtAddress& extAddress);
+  bool unreserve_all();
+
+  /// Makes this process's endpoint the open agent session, closing and reopening the session
+  /// when m_sharedConnection names another endpoint. Reports no failure: a session that could
+  /// not be opened shows in the access that follows.
+  void activateConnection();
+
+  /// A copy of this process's descriptor. No lock, no agent call.
+  KVXConnection getLocalConnection() const;
+  /// Replaces this process's descriptor, flag included; the next access switches to it when it
+  /// names another endpoint. No lock, no agent call.
+  void setLocalConnection(KVXConnection connection);
+
+  /// The endpoint of the session that was opened last, with the flag of that attempt. Guarded by
+  /// the lock shared by all processes.
+  static KVXConnection m_sharedConnection;
+
+ private:
+  /// activateConnection for a caller that already holds the shared lock.
+  void activateConnectionLocked();
+
+  KVXConnection m_localConnection;
+  /// Held only inside activateConnection, always after the shared lock.
+  boost::mutex m_mutex;
+};
+
+}  // namespace vorn

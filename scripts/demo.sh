@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Sets everything up, builds, and runs the command-line host's guided tour.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+./scripts/setup.sh
+cmake --preset default >/dev/null
+cmake --build --preset default >/dev/null
+if [ -x build/default/bin/kvx-ta ]; then
+  exec build/default/bin/kvx-ta demo
+fi
+echo "built:"
+ls build/default/lib build/default/bin 2>/dev/null | sed 's/^/  /'
