@@ -4,8 +4,8 @@
 #include <sstream>
 #include <utility>
 
-#include <boost/thread/lock_guard.hpp>
 #include <log4cxx/logger.h>
+#include <boost/thread/lock_guard.hpp>
 
 #include "agent/TargetAgent.h"
 #include "vorn/Exception.h"
@@ -107,8 +107,7 @@ bool TaProcessKVX::write_mem(const ExtAddress& extAddress, size_t count, unsigne
   return true;
 }
 
-bool TaProcessKVX::read_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize,
-                            void* buffer) {
+bool TaProcessKVX::read_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, void* buffer) {
   boost::lock_guard<boost::mutex> session(sessionLock());
   activateConnectionLocked();
   uint64_t n = byteCount(count, unitSize);

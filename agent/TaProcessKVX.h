@@ -36,11 +36,13 @@ class TA_KVX_EXPORT TaProcessKVX : public TaProcess {
   // modulo 2^64. The agent moves at most 8 bytes a call: longer memory accesses and register
   // writes are cut to their first 8 bytes, never split, and draw a warning on "tesk.ta.kvx"; a
   // longer register read only draws the warning. A refusal by the agent throws vorn::Exception.
-  bool write_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, const void* data) override;
+  bool write_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize,
+                 const void* data) override;
   /// Overwrites the first n bytes of `buffer` (n <= 8) even when the agent refuses the read.
   bool read_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, void* buffer) override;
   /// Not offered: returns false and touches nothing.
-  bool read_piped_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, void* buffer) override;
+  bool read_piped_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize,
+                      void* buffer) override;
   /// The agent always receives a full 64-bit value, zero above the data.
   bool write_register(const std::string& registerName, size_t count, unsigned int unitSize,
                       const void* data) override;

@@ -2,10 +2,10 @@
 
 #include <utility>
 
+#include <log4cxx/logger.h>
 #include <boost/optional.hpp>
 #include <boost/pointer_cast.hpp>
 #include <boost/thread/lock_guard.hpp>
-#include <log4cxx/logger.h>
 
 #include "agent/TaProcessKVX.h"
 #include "vorn/ConfigBlock.h"

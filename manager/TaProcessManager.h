@@ -17,9 +17,9 @@ class TaClient;
 class TaProcess;
 
 /// Admission result codes of registerClient and unregisterClient; each is a single bit.
-constexpr int32_t TA_METHOD_SERVED = 0x1;        ///< The block names the access method "KVX".
-constexpr int32_t TA_METHOD_NOT_SERVED = 0x80;   ///< The block names another access method.
-constexpr int32_t TA_METHOD_MISSING = 0x100;     ///< The block names no readable access method.
+constexpr int32_t TA_METHOD_SERVED = 0x1;       ///< The block names the access method "KVX".
+constexpr int32_t TA_METHOD_NOT_SERVED = 0x80;  ///< The block names another access method.
+constexpr int32_t TA_METHOD_MISSING = 0x100;    ///< The block names no readable access method.
 
 class TA_KVX_EXPORT TaProcessManager {
  public:

@@ -15,9 +15,11 @@ namespace vorn {
 
 class VORN_API TaProcess {
  public:
-  virtual bool write_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, const void* data) = 0;
+  virtual bool write_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize,
+                         const void* data) = 0;
   virtual bool read_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, void* buffer) = 0;
-  virtual bool read_piped_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize, void* buffer) = 0;
+  virtual bool read_piped_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize,
+                              void* buffer) = 0;
   virtual bool write_register(const std::string& registerName, size_t count, unsigned int unitSize,
                               const void* data) = 0;
   virtual bool read_register(const std::string& registerName, size_t count, unsigned int unitSize,

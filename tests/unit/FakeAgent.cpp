@@ -1,0 +1,190 @@
+#include "FakeAgent.h"
+
+#include <cstring>
+#include <thread>
+
+#include "agent/TargetAgent.h"
+
+namespace fake {
+
+size_t g_callsAtStartup = 0;
+
+FakeAgent& FakeAgent::instance() {
+  static FakeAgent agent;
+  return agent;
+}
+
+void FakeAgent::reset() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_calls.clear();
+  m_statuses.clear();
+  m_session = Session();
+  m_readBytes = {};
+  m_registerValue = 0;
+  m_reservedAddress = 0;
+}
+
+void FakeAgent::clearCalls() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_calls.clear();
+}
+
+std::vector<Call> FakeAgent::calls() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_calls;
+}
+
+std::vector<Fn> FakeAgent::functions() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::vector<Fn> result;
+  for (const Call& call : m_calls) {
+    result.push_back(call.fn);
+  }
+  return result;
+}
+
+size_t FakeAgent::callCount() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_calls.size();
+}
+
+Session FakeAgent::session() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_session;
+}
+
+void FakeAgent::setStatus(Fn fn, int32_t status) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_statuses[fn] = status;
+}
+
+void FakeAgent::setReadBytes(const std::array<uint8_t, 8>& bytes) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_readBytes = bytes;
+}
+
+void FakeAgent::setRegisterValue(uint64_t value) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_registerValue = value;
+}
+
+void FakeAgent::setReservedAddress(uint64_t address) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_reservedAddress = address;
+}
+
+std::array<uint8_t, 8> FakeAgent::readBytes() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_readBytes;
+}
+
+uint64_t FakeAgent::registerValue() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_registerValue;
+}
+
+uint64_t FakeAgent::reservedAddress() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_reservedAddress;
+}
+
+int32_t FakeAgent::record(Call call) {
+  // Gives other threads a chance to run between a caller's calls, so that races in the
+  // plug-in's use of the one session show up in the concurrency tests.
+  std::this_thread::yield();
+  std::lock_guard<std::mutex> lock(m_mutex);
+  call.sessionOpen = m_session.open;
+  call.sessionAddress = m_session.address;
+  call.sessionPort = m_session.port;
+  auto scripted = m_statuses.find(call.fn);
+  int32_t status = 0;
+  if (scripted != m_statuses.end()) {
+    status = scripted->second;
+  } else if (call.fn != Fn::StartSession && call.fn != Fn::DestroySession) {
+    // Like the real library: nothing but opening and closing works without a session.
+    status = m_session.open ? 0 : -1;
+  }
+  if (call.fn == Fn::StartSession) {
+    m_session = Session{status == 0, call.text, call.port};
+  } else if (call.fn == Fn::DestroySession) {
+    m_session = Session();
+  }
+  m_calls.push_back(std::move(call));
+  return status;
+}
+
+}  // namespace fake
+
+using fake::Call;
+using fake::FakeAgent;
+using fake::Fn;
+
+// The executable exports these (ENABLE_EXPORTS), so the dynamic linker binds the plug-in's
+// references to them rather than to libtarget.agent.so.
+extern "C" {
+
+int32_t start_session(const char* address, int32_t port) {
+  Call call(Fn::StartSession);
+  call.text = address;
+  call.port = port;
+  return FakeAgent::instance().record(std::move(call));
+}
+
+int32_t destroy_session(void) { return FakeAgent::instance().record(Call(Fn::DestroySession)); }
+
+int32_t get_sock_status(void) { return FakeAgent::instance().record(Call(Fn::GetSockStatus)); }
+
+int32_t io_write(uint64_t address, uint64_t value, uint32_t size) {
+  Call call(Fn::IoWrite);
+  call.address = address;
+  call.value = value;
+  call.size = size;
+  return FakeAgent::instance().record(std::move(call));
+}
+
+int32_t io_read(uint64_t address, uint8_t* buffer, uint32_t size) {
+  Call call(Fn::IoRead);
+  call.address = address;
+  call.size = size;
+  call.pointer = buffer;
+  const auto bytes = FakeAgent::instance().readBytes();
+  std::memcpy(buffer, bytes.data(), size <= 8 ? size : 8);
+  return FakeAgent::instance().record(std::move(call));
+}
+
+int32_t reg_write(const char* name, uint64_t value) {
+  Call call(Fn::RegWrite);
+  call.text = name;
+  call.value = value;
+  return FakeAgent::instance().record(std::move(call));
+}
+
+int32_t reg_read(const char* name, void* destination) {
+  Call call(Fn::RegRead);
+  call.text = name;
+  call.pointer = destination;
+  const uint64_t value = FakeAgent::instance().registerValue();
+  std::memcpy(destination, &value, sizeof value);
+  return FakeAgent::instance().record(std::move(call));
+}
+
+int32_t ddr_reserve(uint64_t size, uint64_t* address) {
+  Call call(Fn::DdrReserve);
+  call.value = size;
+  call.pointer = address;
+  const int32_t status = FakeAgent::instance().record(std::move(call));
+  if (status == 0) {
+    *address = FakeAgent::instance().reservedAddress();
+  }
+  return status;
+}
+
+int32_t ddr_unreserve(uint64_t address) {
+  Call call(Fn::DdrUnreserve);
+  call.address = address;
+  return FakeAgent::instance().record(std::move(call));
+}
+
+int32_t ddr_unreserve_all(void) { return FakeAgent::instance().record(Call(Fn::DdrUnreserveAll)); }
+
+}  // extern "C"
