@@ -1,0 +1,60 @@
+// One TCP connection to a target agent, carrying one request and its reply at a time.
+//
+// Not thread-safe: the caller serialises every call (libtarget.agent.so holds one instance under
+// one mutex). The instance owns its socket. It is trivially destructible on purpose: the library
+// keeps one at namespace scope, and a host thread still calling in while the process exits must
+// not find it destroyed; the kernel closes the socket at exit.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/agent/AgentStatus.h"
+#include "platform/protocol/AgentProtocol.h"
+
+namespace target_agent {
+
+class AgentSession {
+ public:
+  constexpr AgentSession() = default;
+
+  AgentSession(const AgentSession&) = delete;
+  AgentSession& operator=(const AgentSession&) = delete;
+
+  /// Closes any open connection, then resolves `address` (numeric IPv4, IPv6 or a host name),
+  /// connects to `port` and shakes hands. The reply deadline, TA_AGENT_TIMEOUT_MS or 5000 ms, is
+  /// read here and also bounds the connect. On failure no session is open.
+  Status open(const char* address, int32_t port);
+
+  /// Says goodbye to the agent, without waiting, and closes the connection. Harmless when none
+  /// is open. Later calls fail with kNoSession.
+  void close();
+
+  /// kOk while the connection is up. Tests it without consuming data and without blocking: one
+  /// non-blocking peek. A connection found closed or in error is dropped.
+  Status checkConnection();
+
+  /// Sends `request`, after giving it a fresh id, and waits for its reply. kOk when the agent
+  /// answered with success, kRefused when it answered with a refusal (`reply.status` says why).
+  /// On a timeout, a lost connection or a reply that does not match, the connection is dropped
+  /// and that status returned; later calls then fail fast with kConnectionLost.
+  Status transact(kvx::protocol::Request& request, kvx::protocol::Reply& reply);
+
+ private:
+  Status connectTo(const char* address, int32_t port);
+  Status sendFrame(const uint8_t* frame, size_t length);
+  Status receiveFrame(size_t expected);
+  /// Closes the socket after a failure and returns `status`; later calls see kConnectionLost.
+  Status drop(Status status);
+
+  int m_fd = -1;
+  /// What calls report while m_fd < 0.
+  Status m_closedStatus = Status::kNoSession;
+  uint32_t m_nextId = 1;
+  /// The reply deadline of the open session, in milliseconds.
+  int m_timeoutMs = 0;
+  // Frames are built and received here, so a request allocates nothing.
+  uint8_t m_sendBuffer[kvx::protocol::kMaxFrameSize] = {};
+  uint8_t m_receiveBuffer[kvx::protocol::kMaxFrameSize] = {};
+};
+
+}  // namespace target_agent

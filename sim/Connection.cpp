@@ -1,0 +1,136 @@
+#include "sim/Connection.h"
+
+#include <cstring>
+#include <sstream>
+#include <utility>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
+#include <boost/asio/write.hpp>
+
+#include "sim/RequestHandler.h"
+
+namespace kvx::sim {
+
+namespace {
+
+std::string describe(const boost::asio::ip::tcp::endpoint& endpoint) {
+  std::ostringstream text;
+  text << endpoint;
+  return text.str();
+}
+
+}  // namespace
+
+Connection::Connection(boost::asio::ip::tcp::socket socket, RequestHandler& handler,
+                       const SimOptions& options, const Log& log)
+    : m_socket(std::move(socket)), m_handler(handler), m_options(options), m_log(log) {
+  boost::system::error_code error;
+  const auto peer = m_socket.remote_endpoint(error);
+  m_peer = error ? "unknown peer" : describe(peer);
+}
+
+void Connection::start() {
+  m_log.line("connection from ", m_peer);
+  if (m_options.dropAfter && *m_options.dropAfter == 0) {
+    drop("dropped after 0 requests");
+    return;
+  }
+  doRead();
+}
+
+void Connection::doRead() {
+  auto self = shared_from_this();
+  m_socket.async_read_some(boost::asio::buffer(m_buffer.data() + m_used, m_buffer.size() - m_used),
+                           [this, self](const boost::system::error_code& error, size_t length) {
+                             if (error) {
+                               if (error == boost::asio::error::eof) {
+                                 m_log.line(m_peer, ": closed by the client");
+                               } else if (error != boost::asio::error::operation_aborted) {
+                                 m_log.line(m_peer, ": read failed: ", error.message());
+                               }
+                               return;
+                             }
+                             m_used += length;
+                             processBuffer();
+                           });
+}
+
+void Connection::processBuffer() {
+  for (;;) {
+    protocol::FrameHeader header;
+    if (m_used < protocol::kHeaderSize) break;
+    if (!protocol::decodeHeader(m_buffer.data(), m_used, header)) {
+      // Checked before waiting for the payload: an oversized length is never buffered.
+      drop("malformed frame header");
+      return;
+    }
+    const size_t frameSize = protocol::kHeaderSize + header.payloadLength;
+    if (m_used < frameSize) break;
+
+    protocol::Request request;
+    if (!protocol::decodeRequest(m_buffer.data(), frameSize, request)) {
+      std::ostringstream reason;
+      reason << "malformed frame with opcode 0x" << std::hex << unsigned{header.opcode} << " ("
+             << protocol::opcodeName(header.opcode) << ')';
+      drop(reason.str());
+      return;
+    }
+    std::memmove(m_buffer.data(), m_buffer.data() + frameSize, m_used - frameSize);
+    m_used -= frameSize;
+
+    if (request.opcode == protocol::Opcode::kGoodbye) {
+      m_log.line(m_peer, ": goodbye");
+      return;
+    }
+    if (!m_greeted && request.opcode != protocol::Opcode::kHello) {
+      drop(std::string(protocol::opcodeName(header.opcode)) + " before the handshake");
+      return;
+    }
+    if (m_options.hangAfter && m_answered >= *m_options.hangAfter) {
+      if (!m_hanging) m_log.line(m_peer, ": hanging after ", m_answered, " requests");
+      m_hanging = true;
+      continue;
+    }
+
+    protocol::Reply reply;
+    m_handler.handle(request, reply);
+    if (request.opcode == protocol::Opcode::kHello) {
+      m_greeted = reply.status == protocol::ReplyStatus::kOk;
+      if (!m_greeted) m_log.line(m_peer, ": handshake refused: ", protocol::statusName(reply.status));
+    }
+    doWrite(protocol::encodeReply(reply, m_reply.data(), m_reply.size()));
+    return;
+  }
+  doRead();
+}
+
+void Connection::doWrite(size_t length) {
+  ++m_answered;
+  auto self = shared_from_this();
+  boost::asio::async_write(m_socket, boost::asio::buffer(m_reply.data(), length),
+                           [this, self](const boost::system::error_code& error, size_t) {
+                             if (error) {
+                               if (error != boost::asio::error::operation_aborted) {
+                                 m_log.line(m_peer, ": write failed: ", error.message());
+                               }
+                               return;
+                             }
+                             if (m_options.dropAfter && m_answered >= *m_options.dropAfter) {
+                               std::ostringstream reason;
+                               reason << "dropped after " << m_answered << " requests";
+                               drop(reason.str());
+                               return;
+                             }
+                             processBuffer();
+                           });
+}
+
+void Connection::drop(const std::string& reason) {
+  m_log.line(m_peer, ": ", reason);
+  boost::system::error_code ignored;
+  m_socket.shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+  m_socket.close(ignored);
+}
+
+}  // namespace kvx::sim

@@ -1,0 +1,61 @@
+// One client of the simulated agent: owns the socket, a buffer of at most one frame and the
+// connection's handshake and fault-injection state. Kept alive by its pending asynchronous
+// operations (shared_from_this); it closes its socket when the last one finishes.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <boost/asio/ip/tcp.hpp>
+
+#include "platform/protocol/AgentProtocol.h"
+#include "sim/Log.h"
+#include "sim/SimOptions.h"
+
+namespace kvx::sim {
+
+class RequestHandler;
+
+class Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  /// `handler`, `options` and `log` must outlive the connection.
+  Connection(boost::asio::ip::tcp::socket socket, RequestHandler& handler, const SimOptions& options,
+             const Log& log);
+
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// Starts serving; returns at once.
+  void start();
+
+ private:
+  /// Reads more bytes after the m_used already buffered.
+  void doRead();
+  /// Answers the frames complete in the buffer, then reads or writes as the protocol needs.
+  void processBuffer();
+  /// Sends the reply built in m_reply.
+  void doWrite(size_t length);
+  /// Ends the connection with a log line; nothing is sent.
+  void drop(const std::string& reason);
+
+  boost::asio::ip::tcp::socket m_socket;
+  RequestHandler& m_handler;
+  const SimOptions& m_options;
+  const Log& m_log;
+  std::string m_peer;  ///< "address:port", for the log
+
+  // Invariant: m_buffer holds m_used bytes of at most one incomplete frame when a read is
+  // issued, so a buffer of one maximal frame always has room for the rest of it.
+  std::array<uint8_t, protocol::kMaxFrameSize> m_buffer{};
+  size_t m_used = 0;
+  std::array<uint8_t, protocol::kMaxFrameSize> m_reply{};
+
+  bool m_greeted = false;   ///< a Hello has been accepted
+  uint64_t m_answered = 0;  ///< replies sent, the handshake's included
+  bool m_hanging = false;   ///< --hang-after reached: requests are read and ignored
+};
+
+}  // namespace kvx::sim

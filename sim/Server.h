@@ -1,0 +1,40 @@
+// The simulated target agent's server: listens on one TCP endpoint, accepts any number of
+// clients and serves them all, on the calling thread, against one shared target, until SIGINT or
+// SIGTERM arrives.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/signal_set.hpp>
+
+#include "sim/Log.h"
+#include "sim/RequestHandler.h"
+#include "sim/SimOptions.h"
+
+namespace kvx::sim {
+
+class Server {
+ public:
+  /// Binds and listens. Throws std::exception (e.g. boost::system::system_error for an address in
+  /// use, std::invalid_argument for a bad reservation region) when that is impossible.
+  explicit Server(SimOptions options);
+
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  /// Prints "listening on ADDRESS:PORT" on stdout and serves until a signal stops the server.
+  void run();
+
+ private:
+  void doAccept();
+  void awaitStop();
+
+  SimOptions m_options;
+  Log m_log;
+  RequestHandler m_handler;
+  boost::asio::io_context m_ioContext;
+  boost::asio::signal_set m_signals;
+  boost::asio::ip::tcp::acceptor m_acceptor;
+};
+
+}  // namespace kvx::sim

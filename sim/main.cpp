@@ -1,0 +1,116 @@
+// kvx-agent-sim: a simulated target agent for tests, demos and benchmarks of the agent client.
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/program_options.hpp>
+
+#include "sim/Server.h"
+#include "sim/SimOptions.h"
+
+namespace po = boost::program_options;
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+/// Decimal, or hexadecimal after "0x"; the whole text must be a number that fits 64 bits.
+uint64_t parseNumber(const std::string& text, const char* what) {
+  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+  const std::string digits = hex ? text.substr(2) : text;
+  const char* allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
+  if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) {
+    throw std::invalid_argument(std::string("bad ") + what + ": " + text);
+  }
+  errno = 0;
+  const uint64_t value = std::strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
+  if (errno == ERANGE) throw std::invalid_argument(std::string("bad ") + what + ": out of range: " + text);
+  return value;
+}
+
+/// "START:LENGTH", each a number as parseNumber() takes it.
+kvx::sim::DenyRange parseDenyRange(const std::string& text) {
+  const size_t colon = text.find(':');
+  if (colon == std::string::npos) throw std::invalid_argument("bad --deny range (START:LENGTH): " + text);
+  return {parseNumber(text.substr(0, colon), "--deny start"),
+          parseNumber(text.substr(colon + 1), "--deny length")};
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  po::options_description described("Options");
+  // clang-format off
+  described.add_options()
+    ("help,h", "print this help and exit")
+    ("bind", po::value<std::string>()->default_value("127.0.0.1"), "address to listen on (IPv4 or IPv6)")
+    ("port", po::value<std::string>()->default_value("0"), "port to listen on; 0 picks a free one")
+    ("memory-limit", po::value<std::string>()->default_value("67108864"),
+     "most bytes of target memory held; writes needing more are refused")
+    ("deny", po::value<std::vector<std::string>>()->composing(),
+     "START:LENGTH: refuse reads and writes touching this range (repeatable)")
+    ("reserve-base", po::value<std::string>()->default_value("0x80000000"), "start of the reservation region")
+    ("reserve-size", po::value<std::string>()->default_value("0x1000000"), "size of the reservation region")
+    ("drop-after", po::value<std::string>(), "close each connection after answering N requests (handshake included)")
+    ("hang-after", po::value<std::string>(), "stop answering each connection after N requests, keeping it open")
+    ("refuse-sessions", "refuse every handshake")
+    ("quiet", "log nothing on stderr");
+  // clang-format on
+
+  kvx::sim::SimOptions options;
+  try {
+    po::variables_map values;
+    po::store(po::parse_command_line(argc, argv, described), values);
+    po::notify(values);
+    if (values.count("help")) {
+      std::cout << "Usage: kvx-agent-sim [options]\n"
+                << "Serves a simulated target over the agent protocol and prints\n"
+                << "\"listening on ADDRESS:PORT\" once ready. Numbers are decimal or 0x hexadecimal.\n\n"
+                << described;
+      return EXIT_SUCCESS;
+    }
+    options.bindAddress = values["bind"].as<std::string>();
+    const uint64_t port = parseNumber(values["port"].as<std::string>(), "--port");
+    if (port > std::numeric_limits<uint16_t>::max()) throw std::invalid_argument("bad --port: out of range");
+    options.port = static_cast<uint16_t>(port);
+    options.memoryLimit = parseNumber(values["memory-limit"].as<std::string>(), "--memory-limit");
+    if (values.count("deny")) {
+      for (const std::string& range : values["deny"].as<std::vector<std::string>>()) {
+        options.denied.push_back(parseDenyRange(range));
+      }
+    }
+    options.reserveBase = parseNumber(values["reserve-base"].as<std::string>(), "--reserve-base");
+    options.reserveSize = parseNumber(values["reserve-size"].as<std::string>(), "--reserve-size");
+    if (values.count("drop-after")) {
+      options.dropAfter = parseNumber(values["drop-after"].as<std::string>(), "--drop-after");
+    }
+    if (values.count("hang-after")) {
+      options.hangAfter = parseNumber(values["hang-after"].as<std::string>(), "--hang-after");
+    }
+    options.refuseSessions = values.count("refuse-sessions") > 0;
+    options.quiet = values.count("quiet") > 0;
+  } catch (const std::exception& error) {
+    std::cerr << "kvx-agent-sim: " << error.what() << "\n" << described;
+    return kUsageError;
+  }
+
+  try {
+    kvx::sim::Server server(options);
+    server.run();
+  } catch (const std::invalid_argument& error) {
+    // Options that parse but cannot work together, such as an unaligned reservation base.
+    std::cerr << "kvx-agent-sim: " << error.what() << '\n';
+    return kUsageError;
+  } catch (const std::exception& error) {
+    std::cerr << "kvx-agent-sim: " << error.what() << '\n';
+    return EXIT_FAILURE;
+  }
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,187 @@
+// The simulated agent as a raw client sees it: what it does with frames that the client library
+// would never send, and how it starts and stops.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "agent/TargetAgent.h"
+#include "platform/protocol/AgentProtocol.h"
+#include "tests/support/SimProcess.h"
+
+namespace {
+
+using kvx::test::SimProcess;
+namespace protocol = kvx::protocol;
+using Bytes = std::vector<uint8_t>;
+
+/// A plain TCP connection to the simulator, every wait bounded by five seconds.
+class RawConnection {
+ public:
+  explicit RawConnection(uint16_t port) : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    timeval limit{5, 0};
+    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    if (::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      throw std::runtime_error(std::string("connect: ") + std::strerror(errno));
+    }
+  }
+  ~RawConnection() { ::close(m_fd); }
+  RawConnection(const RawConnection&) = delete;
+  RawConnection& operator=(const RawConnection&) = delete;
+
+  void send(const Bytes& bytes) {
+    ASSERT_EQ(::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+  }
+
+  /// Sends `request` and decodes the one reply; false when none arrives.
+  bool exchange(const protocol::Request& request, protocol::Reply& reply) {
+    Bytes frame(protocol::kMaxFrameSize);
+    frame.resize(protocol::encodeRequest(request, frame.data(), frame.size()));
+    send(frame);
+    Bytes in(protocol::replyFrameSize(request.opcode));
+    size_t got = 0;
+    while (got < in.size()) {
+      const ssize_t n = ::recv(m_fd, in.data() + got, in.size() - got, 0);
+      if (n <= 0) return false;
+      got += size_t(n);
+    }
+    return protocol::decodeReply(in.data(), in.size(), reply) && reply.id == request.id;
+  }
+
+  /// True when the simulator ends the connection (end of stream or reset) within the limit.
+  bool closedByPeer() {
+    uint8_t byte;
+    const ssize_t n = ::recv(m_fd, &byte, 1, 0);
+    return n == 0 || (n < 0 && errno == ECONNRESET);
+  }
+
+ private:
+  int m_fd;
+};
+
+protocol::Request hello(uint32_t version = protocol::kProtocolVersion) {
+  protocol::Request request;
+  request.opcode = protocol::Opcode::kHello;
+  request.id = 1;
+  request.value = version;
+  return request;
+}
+
+protocol::Request ioRead(uint64_t address) {
+  protocol::Request request;
+  request.opcode = protocol::Opcode::kIoRead;
+  request.id = 2;
+  request.value = address;
+  request.size = 8;
+  return request;
+}
+
+Bytes encoded(const protocol::Request& request) {
+  Bytes frame(protocol::kMaxFrameSize);
+  frame.resize(protocol::encodeRequest(request, frame.data(), frame.size()));
+  return frame;
+}
+
+Bytes withByte(Bytes frame, size_t offset, uint8_t value) {
+  frame[offset] = value;
+  return frame;
+}
+
+TEST(SimulatorTest, MalformedFramesDropOnlyTheirOwnConnection) {
+  SimProcess sim;
+  RawConnection bystander(sim.port());
+  protocol::Reply reply;
+  ASSERT_TRUE(bystander.exchange(hello(), reply));
+  ASSERT_EQ(start_session(sim.address().c_str(), sim.port()), 0);
+
+  const Bytes read = encoded(ioRead(0x10));
+  Bytes regRead = encoded([] {
+    protocol::Request request;
+    request.opcode = protocol::Opcode::kRegRead;
+    request.nameLength = 2;
+    std::memcpy(request.name, "r1", 2);
+    return request;
+  }());
+  struct Case {
+    const char* name;
+    Bytes bytes;
+    bool greetFirst;
+  };
+  const Case cases[] = {
+      {"bad magic", withByte(read, 0, 'X'), true},
+      {"reserved byte set", withByte(read, 3, 1), true},
+      // Only the header is sent: the drop must not wait for a payload that never comes.
+      {"length of 4 GiB", Bytes{'K', 'A', 0x04, 0, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, true},
+      {"length one past the maximum",
+       Bytes{'K', 'A', 0x05, 0, 2, 0, 0, 0, protocol::kMaxPayloadSize + 1, 0, 0, 0}, true},
+      {"unknown opcode", withByte(read, 2, 0x7F), true},
+      {"reply sent as a request", withByte(read, 2, 0x84), true},
+      {"io size of 9", withByte(read, protocol::kHeaderSize + 8, 9), true},
+      {"empty register name", withByte(withByte(regRead, 8, 1), protocol::kHeaderSize, 0), true},
+      {"request before the handshake", read, false},
+  };
+  for (const Case& c : cases) {
+    RawConnection attacker(sim.port());
+    if (c.greetFirst) {
+      ASSERT_TRUE(attacker.exchange(hello(), reply)) << c.name;
+    }
+    attacker.send(c.bytes);
+    EXPECT_TRUE(attacker.closedByPeer()) << c.name;
+
+    // The others are still served, the raw one and the library's session alike.
+    EXPECT_TRUE(bystander.exchange(ioRead(0x10), reply)) << c.name;
+    EXPECT_EQ(reply.status, protocol::ReplyStatus::kOk) << c.name;
+    EXPECT_EQ(io_write(0x10, 0x42, 1), 0) << c.name;
+  }
+  destroy_session();
+}
+
+TEST(SimulatorTest, HandshakeWithAnotherVersionIsRefusedButTheConnectionMayRetry) {
+  SimProcess sim;
+  RawConnection client(sim.port());
+  protocol::Reply reply;
+  ASSERT_TRUE(client.exchange(hello(protocol::kProtocolVersion + 1), reply));
+  EXPECT_EQ(reply.status, protocol::ReplyStatus::kVersionMismatch);
+  EXPECT_EQ(reply.value, protocol::kProtocolVersion) << "the agent says what it speaks";
+  ASSERT_TRUE(client.exchange(hello(), reply));
+  EXPECT_EQ(reply.status, protocol::ReplyStatus::kOk);
+  EXPECT_TRUE(client.exchange(ioRead(0), reply));
+}
+
+TEST(SimulatorTest, SignalsStopTheSimulatorCleanly) {
+  SimProcess interrupted;
+  RawConnection client(interrupted.port());
+  ASSERT_EQ(::kill(interrupted.pid(), SIGINT), 0);
+  EXPECT_EQ(interrupted.stop(), 0);
+  EXPECT_TRUE(client.closedByPeer());
+
+  SimProcess terminated;
+  EXPECT_EQ(terminated.stop(), 0);
+}
+
+TEST(SimulatorTest, BadCommandLinesStopTheSimulatorBeforeItListens) {
+  const std::vector<std::vector<std::string>> commandLines = {
+      {"--port", "65536"},        {"--deny", "0x1000"},         {"--memory-limit", "12k"},
+      {"--reserve-base", "0x81"}, {"--bind", "not-an-address"}, {"--no-such-option"},
+  };
+  for (const auto& arguments : commandLines) {
+    EXPECT_THROW(SimProcess{arguments}, std::runtime_error) << arguments[0] << ' ' << arguments.back();
+  }
+}
+
+}  // namespace
