@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   libclang-rt-14-dev
-  python3
+  python3 dpkg-dev
 )
 
 missing=()

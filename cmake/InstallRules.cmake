@@ -1,0 +1,140 @@
+# Installation and the Debian package.
+#
+# An installed prefix is laid out the way the plug-in is deployed:
+#
+#   lib/libta_kvx.so, lib/libvorn_host.so, lib/libtarget.agent.so   side by side
+#   bin/kvx-ta, bin/kvx-agent-sim
+#   include/{vorn,manager,agent,client}/..., include/ta_kvx_export.h
+#   lib/cmake/ta_kvx/                                                the CMake package
+#
+# Two components: `runtime` (libraries and programs) and `development` (headers and the CMake
+# package), so `cmake --install <build> --component runtime` deploys a target machine.
+
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# lib/ and bin/ are part of the deployment contract rather than a distribution's choice: the
+# plug-in finds the closed libraries through DT_RPATH $ORIGIN and the programs find all three
+# through $ORIGIN/../lib. So lib/ stays lib/ even where GNUInstallDirs would pick lib/<multiarch>.
+set(TA_KVX_INSTALL_LIBDIR lib)
+set(TA_KVX_INSTALL_BINDIR bin)
+set(TA_KVX_INSTALL_CMAKEDIR "${TA_KVX_INSTALL_LIBDIR}/cmake/ta_kvx")
+
+# ---- Libraries ----
+
+# The contract target carries the include directories and Boost to whoever links the plug-in;
+# imported, it is ta_kvx::contract, as its alias in this build.
+set_target_properties(ta_kvx_contract PROPERTIES EXPORT_NAME contract)
+
+# The binaries are linked with their install RPATH already (CMAKE_BUILD_WITH_INSTALL_RPATH), so
+# installing copies them unchanged and no build-tree path reaches the prefix.
+install(TARGETS ta_kvx vorn_host ta_kvx_contract
+  EXPORT ta_kvxTargets
+  LIBRARY DESTINATION "${TA_KVX_INSTALL_LIBDIR}" COMPONENT runtime)
+
+# The plug-in links the agent library privately, and an exported libta_kvx.so records its private
+# shared libraries (so that the linker resolves its DT_NEEDED entries when a host links against
+# it); CMake therefore wants the agent library in the export set too. Hosts never link it.
+install(TARGETS target_agent
+  EXPORT ta_kvxTargets
+  LIBRARY DESTINATION "${TA_KVX_INSTALL_LIBDIR}" COMPONENT runtime)
+
+# ---- Programs ----
+
+# Each is installed once its folder provides it. Their libraries come from the prefix's lib/.
+foreach(program IN ITEMS kvx_ta kvx_agent_sim)
+  if(NOT TARGET ${program})
+    continue()
+  endif()
+  get_target_property(program_rpath ${program} INSTALL_RPATH)
+  if(NOT program_rpath)
+    set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/../${TA_KVX_INSTALL_LIBDIR}")
+  endif()
+  install(TARGETS ${program} RUNTIME DESTINATION "${TA_KVX_INSTALL_BINDIR}" COMPONENT runtime)
+endforeach()
+
+# ---- Headers ----
+
+# Installed under the paths the code includes them by, so a host writes
+# #include "manager/TaProcessManager.h" against the prefix exactly as inside the repository.
+# include/ holds the host contract only and goes whole; the plug-in's folders also hold
+# sources, so their public headers are named one by one.
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+  COMPONENT development
+  FILES_MATCHING PATTERN "*.h")
+install(FILES "${PROJECT_SOURCE_DIR}/manager/TaProcessManager.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/manager"
+  COMPONENT development)
+# TargetAgent.h declares the closed agent library's ten functions and nothing of the plug-in's.
+install(FILES
+  "${PROJECT_SOURCE_DIR}/agent/KVXConnection.h"
+  "${PROJECT_SOURCE_DIR}/agent/TaProcessKVX.h"
+  "${PROJECT_SOURCE_DIR}/agent/TargetAgent.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/agent"
+  COMPONENT development)
+install(FILES "${PROJECT_SOURCE_DIR}/client/TargetConfig_TaProcessClient.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/client"
+  COMPONENT development)
+install(FILES "${PROJECT_BINARY_DIR}/export/ta_kvx_export.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+  COMPONENT development)
+
+# ---- CMake package ----
+
+install(EXPORT ta_kvxTargets
+  NAMESPACE ta_kvx::
+  DESTINATION "${TA_KVX_INSTALL_CMAKEDIR}"
+  COMPONENT development)
+configure_package_config_file(
+  "${PROJECT_SOURCE_DIR}/cmake/ta_kvxConfig.cmake.in"
+  "${PROJECT_BINARY_DIR}/cmake/ta_kvxConfig.cmake"
+  INSTALL_DESTINATION "${TA_KVX_INSTALL_CMAKEDIR}")
+# Not ARCH_INDEPENDENT: the package names 64-bit binaries.
+write_basic_package_version_file(
+  "${PROJECT_BINARY_DIR}/cmake/ta_kvxConfigVersion.cmake"
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  "${PROJECT_BINARY_DIR}/cmake/ta_kvxConfig.cmake"
+  "${PROJECT_BINARY_DIR}/cmake/ta_kvxConfigVersion.cmake"
+  DESTINATION "${TA_KVX_INSTALL_CMAKEDIR}"
+  COMPONENT development)
+
+# ---- Debian package ----
+
+if(NOT PROJECT_IS_TOP_LEVEL)
+  return()
+endif()
+
+# One package with both components: it is what a host machine installs to load the plug-in, and
+# what a host project builds against.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME ta-kvx)
+set(CPACK_PACKAGE_VENDOR "ta_kvx developers")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+# CPack puts the summary first; this is the extended description below it.
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+  "The plug-in libta_kvx.so with stand-ins for the host framework library and the target agent
+client library beside it, the command-line host kvx-ta, the simulated target agent
+kvx-agent-sim, and the headers and CMake package to build a host against the plug-in.")
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "ta_kvx developers <ta-kvx@example.invalid>")
+set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+
+# /opt/ta_kvx rather than /usr: the three libraries must stay in one directory with bin/ beside
+# it, and libtarget.agent.so and libvorn_host.so are unversioned stand-ins that carry the names
+# of the closed libraries. In /usr/lib they would sit on the system's search path and could clash
+# with the real ones; under /opt they are found only through the plug-in's and programs' RPATH.
+set(CPACK_PACKAGING_INSTALL_PREFIX "/opt/ta_kvx")
+
+# Depends is computed by dpkg-shlibdeps from the DT_NEEDED entries of the packaged binaries. The
+# stand-ins belong to this package and to no installed one: dpkg-shlibdeps is pointed at their
+# directory inside the package (it also follows the $ORIGIN RPATHs there), and as unversioned
+# private libraries they add no dependency instead of failing the lookup.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+  "${CPACK_PACKAGING_INSTALL_PREFIX}/${TA_KVX_INSTALL_LIBDIR}")
+# Only for building against the CMake package, which finds Boost.Thread and log4cxx.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libboost-thread-dev (>= 1.74), liblog4cxx-dev")
+
+include(CPack)

@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Builds the Debian package with CPack into a temporary directory and checks it: everything under
+# one prefix, the three libraries side by side in its lib/, the development files, and a Depends
+# line that names the package of every system library the packaged binaries need.
+#
+# usage: debian_package.sh CPACK BUILD_DIR
+set -euo pipefail
+
+cpack=$1 build=$2
+source "$(dirname "$0")/common.sh"
+make_workdir "$build"
+
+"$cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$WORK" >"$WORK/cpack.log" 2>&1 ||
+  { cat "$WORK/cpack.log"; fail "cpack -G DEB failed"; }
+debs=("$WORK"/*.deb)
+[ ${#debs[@]} -eq 1 ] && [ -f "${debs[0]}" ] || fail "expected one .deb, found: ${debs[*]}"
+deb=${debs[0]}
+
+info=$(dpkg-deb --info "$deb")
+contents=$(dpkg-deb --contents "$deb" | awk '{print $NF}')
+echo "$info"
+echo "$contents"
+
+field() { sed -n "s/^ $1: //p" <<<"$info"; }
+[ "$(field Package)" = ta-kvx ] || fail "package name is '$(field Package)'"
+depends=$(field Depends)
+[ -n "$depends" ] || fail "no Depends line"
+
+prefix=./opt/ta_kvx
+for file in lib/libta_kvx.so lib/libvorn_host.so lib/libtarget.agent.so \
+            include/manager/TaProcessManager.h include/agent/TargetAgent.h include/ta_kvx_export.h \
+            lib/cmake/ta_kvx/ta_kvxConfig.cmake lib/cmake/ta_kvx/ta_kvxConfigVersion.cmake; do
+  grep -qxF "$prefix/$file" <<<"$contents" || fail "the package lacks $prefix/$file"
+done
+outside=$(grep -v -e "^$prefix/" -e '^\./$' -e '^\./opt/$' <<<"$contents" || true)
+[ -z "$outside" ] || fail "the package installs outside $prefix: $outside"
+
+# Depends names packages; compare names only, without versions or alternatives.
+declare -A depended
+for item in $(tr ',|' '\n\n' <<<"$depends" | sed 's/(.*)//; s/:any//' | tr -d ' '); do
+  depended[$item]=1
+done
+[ -n "$(printf '%s\n' "${!depended[@]}" | grep '^liblog4cxx')" ] || fail "Depends names no liblog4cxx package: $depends"
+
+dpkg-deb -x "$deb" "$WORK/root"
+shipped=$(find "$WORK/root" -type f -printf '%f\n')
+while IFS= read -r elf; do
+  for soname in $(LC_ALL=C readelf -d "$elf" | sed -n 's/.*(NEEDED) *Shared library: \[\(.*\)\]$/\1/p'); do
+    if grep -qxF "$soname" <<<"$shipped"; then continue; fi
+    owners=$(dpkg-query -S "*/$soname" 2>/dev/null | sed 's|: /.*||' | tr ',' '\n' | sed 's/:.*//; s/ //g' | sort -u) ||
+      fail "no installed package provides $soname, needed by $(basename "$elf")"
+    found=""
+    for owner in $owners; do
+      if [ -n "${depended[$owner]:-}" ]; then found=$owner; fi
+    done
+    [ -n "$found" ] || fail "$(basename "$elf") needs $soname (from $owners), which Depends does not name: $depends"
+  done
+done < <(find "$WORK/root" -type f -exec sh -c 'readelf -h "$1" >/dev/null 2>&1' _ {} \; -print)
+echo "PASS: $(basename "$deb"), Depends: $depends"
