@@ -1,0 +1,111 @@
+#include "CommandLine.h"
+
+#include <ostream>
+
+#include <boost/program_options.hpp>
+
+#include "Commands.h"
+#include "UsageError.h"
+
+namespace po = boost::program_options;
+
+namespace kvx::cli {
+namespace {
+
+const char* const kCommandKey = "command";
+const char* const kArgumentsKey = "arguments";
+
+po::options_description programOptions() {
+  po::options_description options("Options");
+  // clang-format off
+  options.add_options()
+      ("server", po::value<std::string>()->value_name("HOST:PORT"),
+       "the target agent to use (HOST: name, IPv4, or [IPv6]); without it kvx-ta starts its own "
+       "kvx-agent-sim on a free loopback port for the run")
+      ("log-config", po::value<std::string>()->value_name("FILE"),
+       "log4cxx configuration (.xml: DOMConfigurator, else PropertyConfigurator); without it "
+       "LOG4CXX_CONFIGURATION is honoured, else warnings go to stderr")
+      ("help,h", "describe the program ('kvx-ta COMMAND --help' describes a command)")
+      ("version", "print the version");
+  // clang-format on
+  return options;
+}
+
+/// Once the command's name is seen, every remaining token goes to the command as it is.
+std::vector<po::option> stopAtCommand(std::vector<std::string>& tokens) {
+  std::vector<po::option> result;
+  if (tokens.empty() || tokens.front().empty() || tokens.front().front() == '-') {
+    return result;
+  }
+  for (const std::string& token : tokens) {
+    po::option positional;
+    positional.value.push_back(token);
+    positional.original_tokens.push_back(token);
+    result.push_back(positional);
+  }
+  tokens.clear();
+  return result;
+}
+
+}  // namespace
+
+Invocation CommandLine::parse(int argc, const char* const argv[]) {
+  po::options_description hidden;
+  hidden.add_options()(kCommandKey, po::value<std::string>());
+  hidden.add_options()(kArgumentsKey, po::value<std::vector<std::string>>());
+  po::options_description all;
+  all.add(programOptions()).add(hidden);
+  po::positional_options_description positional;
+  positional.add(kCommandKey, 1).add(kArgumentsKey, -1);
+
+  po::variables_map values;
+  try {
+    po::store(po::command_line_parser(argc, argv)
+                  .options(all)
+                  .positional(positional)
+                  .style(po::command_line_style::unix_style & ~po::command_line_style::allow_guessing)
+                  .extra_style_parser(stopAtCommand)
+                  .run(),
+              values);
+  } catch (const po::error& e) {
+    throw UsageError(std::string(e.what()) + " (try 'kvx-ta --help')");
+  }
+
+  Invocation invocation;
+  invocation.help = values.count("help") != 0;
+  invocation.version = values.count("version") != 0;
+  if (values.count("server") != 0) {
+    invocation.server = Endpoint::parse(values["server"].as<std::string>());
+  }
+  if (values.count("log-config") != 0) {
+    invocation.logConfig = values["log-config"].as<std::string>();
+    if (invocation.logConfig.empty()) {
+      throw UsageError("invalid log configuration '' (a file name)");
+    }
+  }
+  if (values.count(kCommandKey) != 0) {
+    invocation.command = values[kCommandKey].as<std::string>();
+  }
+  if (values.count(kArgumentsKey) != 0) {
+    invocation.arguments = values[kArgumentsKey].as<std::vector<std::string>>();
+  }
+  return invocation;
+}
+
+void CommandLine::printHelp(std::ostream& out) {
+  out << "Usage: kvx-ta [--server HOST:PORT] [--log-config FILE] COMMAND [ARGS...]\n"
+         "\n"
+         "Reads and writes a target through the KVX target-access plug-in, the way a debugger\n"
+         "host does. Without --server, kvx-ta starts its own simulated agent (kvx-agent-sim)\n"
+         "for the run, so each run starts from a fresh target; 'script' runs several commands\n"
+         "in one session.\n"
+         "\n"
+         "Commands:\n";
+  Commands::printSummary(out);
+  out << "\n"
+      << programOptions() << "\n"
+      << "Numbers are decimal or hex with 0x; addresses are 64-bit; values are little-endian.\n"
+         "Exit status: 0 done, 1 failed on the target or its connection, 2 usage error.\n";
+}
+
+}  // namespace kvx::cli

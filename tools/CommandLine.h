@@ -1,0 +1,38 @@
+// The program's own command line: the options that come before the command, the command's name,
+// and the command's arguments left as they are for the command to parse.
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Endpoint.h"
+
+namespace kvx::cli {
+
+/// What the user asked for, before anything is checked against a command.
+struct Invocation {
+  /// The agent named by --server; none means "start an embedded simulator".
+  std::optional<Endpoint> server;
+  /// --log-config; empty means log4cxx's own lookup, then the stderr default.
+  std::string logConfig;
+  bool help = false;
+  bool version = false;
+  /// Empty when none was given.
+  std::string command;
+  /// Everything after the command, options included: they belong to the command.
+  std::vector<std::string> arguments;
+};
+
+class CommandLine {
+ public:
+  /// Parses argv. Program options are recognised only before the command, so
+  /// `kvx-ta read --help` asks the command, not the program. Throws UsageError.
+  static Invocation parse(int argc, const char* const argv[]);
+
+  /// The program's --help text: synopsis, commands, options, exit statuses.
+  static void printHelp(std::ostream& out);
+};
+
+}  // namespace kvx::cli

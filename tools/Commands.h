@@ -1,0 +1,32 @@
+// The commands of kvx-ta. Each checks its arguments when it is parsed, before anything is started
+// or reached, and runs later against the run's session; `script` parses and runs further commands
+// one line at a time in the same session.
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace kvx::cli {
+
+class Session;
+
+/// A command whose arguments passed their checks, ready to run. Throws UsageError,
+/// vorn::Exception (a refused access) or std::runtime_error (any other failure).
+using Action = std::function<void(Session&)>;
+
+class Commands {
+ public:
+  /// Where a command comes from; a script cannot run `script` or `demo`.
+  enum class Context { kCommandLine, kScript };
+
+  /// The command `name` with `arguments`, checked. With --help among the arguments, an action
+  /// that prints the command's help and needs no target. Throws UsageError.
+  static Action parse(const std::string& name, const std::vector<std::string>& arguments, Context context);
+
+  /// One line per command, for the program's help.
+  static void printSummary(std::ostream& out);
+};
+
+}  // namespace kvx::cli

@@ -1,0 +1,39 @@
+// Formats bytes as the classic hex-and-ASCII dump, 16 a line, as they arrive:
+//
+//   00001000:  48 65 6c 6c 6f 2c 20 74  61 72 67 65 74 0a 00 00  |Hello, target...|
+//
+// The address column has 8 digits, or 16 when the range reaches above 4 GiB. Lines start at the
+// first address and every 16 bytes after it. Writes to the stream it is given; single-threaded.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+namespace kvx::cli {
+
+class HexDump {
+ public:
+  /// A dump of the `length` bytes from `address` onto `out`.
+  HexDump(std::ostream& out, uint64_t address, uint64_t length);
+
+  /// Adds the next `count` bytes, printing every line they complete.
+  void append(const uint8_t* bytes, size_t count);
+  /// Prints the last, partial line, if any.
+  void finish();
+
+ private:
+  static constexpr size_t kBytesPerLine = 16;
+
+  void printLine();
+
+  std::ostream& m_out;
+  int m_addressDigits;
+  /// The address of the line being collected.
+  uint64_t m_lineAddress;
+  uint8_t m_line[kBytesPerLine] = {};
+  size_t m_filled = 0;
+};
+
+}  // namespace kvx::cli

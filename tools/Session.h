@@ -1,0 +1,47 @@
+// The run's way to its target: the agent named by --server, or else an embedded simulator. The
+// target is opened on first use and kept for the rest of the run, so the commands of a script
+// share one process and one agent session, and a command that fails its argument checks, or only
+// prints help, starts and reaches nothing.
+//
+// Owns the embedded simulator and the target. Single-threaded.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Endpoint.h"
+
+namespace kvx::cli {
+
+class EmbeddedAgent;
+class Target;
+
+class Session {
+ public:
+  /// `server` is the agent to use; without one, the first use of target() starts the simulator
+  /// at `simulatorPath` and announces it on stderr.
+  Session(std::optional<Endpoint> server, std::string simulatorPath);
+  /// Closes the target, then stops the simulator.
+  ~Session();
+
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /// The target, opened on the first call. Throws std::runtime_error when the simulator cannot
+  /// be started or the agent cannot be reached.
+  Target& target();
+
+  /// Whether --server named the agent.
+  bool hasServer() const { return m_server.has_value(); }
+  const std::string& simulatorPath() const { return m_simulatorPath; }
+
+ private:
+  std::optional<Endpoint> m_server;
+  std::string m_simulatorPath;
+  // Declared in this order so that the target goes before the agent it talks to.
+  std::unique_ptr<EmbeddedAgent> m_embedded;
+  std::unique_ptr<Target> m_target;
+};
+
+}  // namespace kvx::cli
