@@ -24,3 +24,6 @@ step "ThreadSanitizer (concurrency tests)"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan -j "$jobs"
 ctest --preset tsan
+
+step "fuzzers (libFuzzer, ASan + UBSan)"
+./fuzz/run.sh "${TA_KVX_FUZZ_SECONDS:-30}"

@@ -12,6 +12,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -117,37 +119,92 @@ TEST(SimulatorTest, MalformedFramesDropOnlyTheirOwnConnection) {
     std::memcpy(request.name, "r1", 2);
     return request;
   }());
+  const auto cut = [](const Bytes& frame, size_t length) {
+    return Bytes(frame.begin(), frame.begin() + length);
+  };
+  Bytes longRead = withByte(read, 8, protocol::kHeaderSize + 1);
+  longRead.push_back(0);
+  Bytes garbage(protocol::kMaxFrameSize);
+  std::mt19937 random(7);
+  for (uint8_t& byte : garbage) byte = static_cast<uint8_t>(random());
+  garbage[0] = 'k';
+
+  enum class Greeting { kNone, kAccepted, kRefused };
+  // What becomes of the attacker's connection: the agent drops it, the attacker closes it midway,
+  // or the attacker leaves it open with half a frame in the agent's buffer.
+  enum class Ending { kDroppedByAgent, kClosedByClient, kLeftOpen };
   struct Case {
     const char* name;
     Bytes bytes;
-    bool greetFirst;
+    Greeting greeting;
+    Ending ending;
   };
   const Case cases[] = {
-      {"bad magic", withByte(read, 0, 'X'), true},
-      {"reserved byte set", withByte(read, 3, 1), true},
+      {"bad magic", withByte(read, 0, 'X'), Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"second magic byte wrong", withByte(read, 1, 'B'), Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"reserved byte set", withByte(read, 3, 1), Greeting::kAccepted, Ending::kDroppedByAgent},
       // Only the header is sent: the drop must not wait for a payload that never comes.
-      {"length of 4 GiB", Bytes{'K', 'A', 0x04, 0, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, true},
+      {"length of 4 GiB", Bytes{'K', 'A', 0x04, 0, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, Greeting::kAccepted,
+       Ending::kDroppedByAgent},
       {"length one past the maximum",
-       Bytes{'K', 'A', 0x05, 0, 2, 0, 0, 0, protocol::kMaxPayloadSize + 1, 0, 0, 0}, true},
-      {"unknown opcode", withByte(read, 2, 0x7F), true},
-      {"reply sent as a request", withByte(read, 2, 0x84), true},
-      {"io size of 9", withByte(read, protocol::kHeaderSize + 8, 9), true},
-      {"empty register name", withByte(withByte(regRead, 8, 1), protocol::kHeaderSize, 0), true},
-      {"request before the handshake", read, false},
+       Bytes{'K', 'A', 0x05, 0, 2, 0, 0, 0, protocol::kMaxPayloadSize + 1, 0, 0, 0}, Greeting::kAccepted,
+       Ending::kDroppedByAgent},
+      {"length under the opcode's", cut(withByte(read, 8, 4), protocol::kHeaderSize + 4), Greeting::kAccepted,
+       Ending::kDroppedByAgent},
+      {"length over the opcode's", longRead, Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"hello with a short payload", cut(withByte(encoded(hello()), 8, 2), protocol::kHeaderSize + 2),
+       Greeting::kNone, Ending::kDroppedByAgent},
+      {"unknown opcode", withByte(read, 2, 0x7F), Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"reply sent as a request", withByte(read, 2, 0x84), Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"io size of 9", withByte(read, protocol::kHeaderSize + 8, 9), Greeting::kAccepted,
+       Ending::kDroppedByAgent},
+      {"empty register name", withByte(withByte(regRead, 8, 1), protocol::kHeaderSize, 0),
+       Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"register name with a NUL", withByte(regRead, protocol::kHeaderSize + 2, 0), Greeting::kAccepted,
+       Ending::kDroppedByAgent},
+      {"name length past the payload", withByte(regRead, protocol::kHeaderSize, 3), Greeting::kAccepted,
+       Ending::kDroppedByAgent},
+      {"garbage", garbage, Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"request before the handshake", read, Greeting::kNone, Ending::kDroppedByAgent},
+      {"request after a refused handshake", read, Greeting::kRefused, Ending::kDroppedByAgent},
+      {"header cut short, then closed", cut(read, 7), Greeting::kAccepted, Ending::kClosedByClient},
+      {"frame cut short, then closed", cut(read, protocol::kHeaderSize + 5), Greeting::kAccepted,
+       Ending::kClosedByClient},
+      {"frame cut short, left open", cut(read, protocol::kHeaderSize + 5), Greeting::kAccepted,
+       Ending::kLeftOpen},
   };
+  std::vector<std::unique_ptr<RawConnection>> leftOpen;
   for (const Case& c : cases) {
-    RawConnection attacker(sim.port());
-    if (c.greetFirst) {
-      ASSERT_TRUE(attacker.exchange(hello(), reply)) << c.name;
+    auto attacker = std::make_unique<RawConnection>(sim.port());
+    if (c.greeting != Greeting::kNone) {
+      ASSERT_TRUE(
+          attacker->exchange(hello(c.greeting == Greeting::kAccepted ? protocol::kProtocolVersion
+                                                                     : protocol::kProtocolVersion + 1),
+                             reply))
+          << c.name;
     }
-    attacker.send(c.bytes);
-    EXPECT_TRUE(attacker.closedByPeer()) << c.name;
+    attacker->send(c.bytes);
+    switch (c.ending) {
+      case Ending::kDroppedByAgent:
+        EXPECT_TRUE(attacker->closedByPeer()) << c.name;
+        break;
+      case Ending::kClosedByClient:
+        attacker.reset();
+        break;
+      case Ending::kLeftOpen:
+        leftOpen.push_back(std::move(attacker));
+        break;
+    }
 
     // The others are still served, the raw one and the library's session alike.
     EXPECT_TRUE(bystander.exchange(ioRead(0x10), reply)) << c.name;
     EXPECT_EQ(reply.status, protocol::ReplyStatus::kOk) << c.name;
     EXPECT_EQ(io_write(0x10, 0x42, 1), 0) << c.name;
   }
+  // And new clients as well.
+  RawConnection newcomer(sim.port());
+  EXPECT_TRUE(newcomer.exchange(hello(), reply));
+  EXPECT_EQ(reply.status, protocol::ReplyStatus::kOk);
   destroy_session();
 }
 

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -72,8 +73,26 @@ class ScriptedAgent {
   ScriptedAgent(const ScriptedAgent&) = delete;
   ScriptedAgent& operator=(const ScriptedAgent&) = delete;
 
+  using Answer = std::function<std::vector<uint8_t>(const protocol::Request&)>;
+
   /// Opens a session with this agent: start_session on another thread, the handshake here.
   void startSession() {
+    int32_t status = -1;
+    ASSERT_NO_FATAL_FAILURE(handshake(
+        [](const protocol::Request& hello) {
+          protocol::Reply reply;
+          reply.opcode = protocol::Opcode::kHello;
+          reply.id = hello.id;
+          reply.value = protocol::kProtocolVersion;
+          return encode(reply);
+        },
+        false, status));
+    ASSERT_EQ(status, 0);
+  }
+
+  /// Calls start_session on another thread and answers its Hello here with the bytes `answer`
+  /// makes of it, then closes the connection if `thenClose`. `status` receives the result.
+  void handshake(const Answer& answer, bool thenClose, int32_t& status) {
     auto started = std::async(std::launch::async, [this] { return start_session("127.0.0.1", m_port); });
     m_connection = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
     ASSERT_GE(m_connection, 0);
@@ -81,13 +100,10 @@ class ScriptedAgent {
     ::setsockopt(m_connection, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     const int on = 1;
     ::setsockopt(m_connection, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    protocol::Request hello = receive();
-    protocol::Reply reply;
-    reply.opcode = protocol::Opcode::kHello;
-    reply.id = hello.id;
-    reply.value = protocol::kProtocolVersion;
-    send(encode(reply));
-    ASSERT_EQ(started.get(), 0);
+    const std::vector<uint8_t> bytes = answer(receive());
+    if (!bytes.empty()) send(bytes);
+    if (thenClose) hangUp();
+    status = started.get();
   }
 
   /// Waits for one request frame of the library and decodes it.
@@ -114,6 +130,12 @@ class ScriptedAgent {
     std::vector<uint8_t> frame(protocol::kMaxFrameSize);
     frame.resize(protocol::encodeReply(reply, frame.data(), frame.size()));
     return frame;
+  }
+
+  /// Ends the connection with an end of stream, as an agent that closes its socket does.
+  void hangUp() {
+    ::close(m_connection);
+    m_connection = -1;
   }
 
   /// Ends the connection the harshest way: end of stream first, then a reset, so the library's
@@ -435,15 +457,35 @@ TEST_F(TargetAgentClientTest, CallsAfterThePeerResetFailWithoutSignal) {
 }
 
 TEST_F(TargetAgentClientTest, RepliesThatDoNotAnswerTheRequestCloseTheSession) {
+  using Frame = std::vector<uint8_t>;
   const auto answer = [](const protocol::Request& request) {
     protocol::Reply reply;
     reply.opcode = request.opcode;
     reply.id = request.id;
     return reply;
   };
+  /// The right answer with one byte changed.
+  const auto patched = [&](size_t offset, uint8_t value) {
+    return [=](const protocol::Request& request) {
+      Frame frame = ScriptedAgent::encode(answer(request));
+      frame[offset] = value;
+      return frame;
+    };
+  };
+  /// The first `length` bytes of the right answer.
+  const auto cut = [&](size_t length) {
+    return [=](const protocol::Request& request) {
+      Frame frame = ScriptedAgent::encode(answer(request));
+      frame.resize(length);
+      return frame;
+    };
+  };
   struct Case {
     const char* name;
-    std::function<std::vector<uint8_t>(const protocol::Request&)> reply;
+    std::function<Frame(const protocol::Request&)> reply;
+    /// The agent closes the connection after sending the reply.
+    bool thenClose;
+    Status expected;
   };
   const Case cases[] = {
       {"another request's id",
@@ -451,41 +493,120 @@ TEST_F(TargetAgentClientTest, RepliesThatDoNotAnswerTheRequestCloseTheSession) {
          protocol::Reply reply = answer(request);
          ++reply.id;
          return ScriptedAgent::encode(reply);
-       }},
+       },
+       false, Status::kMalformedReply},
       {"another opcode of the same length",
        [&](const protocol::Request& request) {
          protocol::Reply reply = answer(request);
          reply.opcode = protocol::Opcode::kRegRead;
          return ScriptedAgent::encode(reply);
-       }},
+       },
+       false, Status::kMalformedReply},
       {"a shorter reply",
        [&](const protocol::Request& request) {
          protocol::Reply reply = answer(request);
          reply.opcode = protocol::Opcode::kIoWrite;
          return ScriptedAgent::encode(reply);
-       }},
-      {"bad magic",
+       },
+       false, Status::kMalformedReply},
+      {"bad magic", patched(0, 'X'), false, Status::kMalformedReply},
+      {"reply bit missing", patched(2, static_cast<uint8_t>(protocol::Opcode::kIoRead)), false,
+       Status::kMalformedReply},
+      {"unknown reply opcode", patched(2, 0x8A), false, Status::kMalformedReply},
+      {"reply to goodbye", patched(2, 0x82), false, Status::kMalformedReply},
+      {"reserved byte set", patched(3, 1), false, Status::kMalformedReply},
+      {"length one past the maximum", patched(8, protocol::kMaxPayloadSize + 1), false,
+       Status::kMalformedReply},
+      {"length of 4 GiB",
        [&](const protocol::Request& request) {
-         std::vector<uint8_t> frame = ScriptedAgent::encode(answer(request));
-         frame[0] = 'X';
+         Frame frame = ScriptedAgent::encode(answer(request));
+         std::fill(frame.begin() + 8, frame.begin() + 12, 0xFF);
          return frame;
-       }},
+       },
+       false, Status::kMalformedReply},
+      {"one stray byte after the reply",
+       [&](const protocol::Request& request) {
+         Frame frame = ScriptedAgent::encode(answer(request));
+         frame.push_back(0);
+         return frame;
+       },
+       false, Status::kMalformedReply},
       {"two replies at once",
        [&](const protocol::Request& request) {
-         std::vector<uint8_t> frame = ScriptedAgent::encode(answer(request));
+         Frame frame = ScriptedAgent::encode(answer(request));
          frame.insert(frame.end(), frame.begin(), frame.end());
          return frame;
-       }},
+       },
+       false, Status::kMalformedReply},
+      {"header cut short, then closed", cut(7), true, Status::kConnectionLost},
+      {"reply cut short, then closed", cut(protocol::kHeaderSize + 6), true, Status::kConnectionLost},
+      {"nothing, then closed", cut(0), true, Status::kConnectionLost},
   };
   for (const Case& c : cases) {
     ScriptedAgent agent;
     ASSERT_NO_FATAL_FAILURE(agent.startSession()) << c.name;
     uint8_t buffer[8] = {0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE};
     auto reading = std::async(std::launch::async, [&buffer] { return io_read(0x10, buffer, 8); });
-    agent.send(c.reply(agent.receive()));
-    EXPECT_EQ(reading.get(), code(Status::kMalformedReply)) << c.name;
+    const Frame frame = c.reply(agent.receive());
+    if (!frame.empty()) agent.send(frame);
+    if (c.thenClose) agent.hangUp();
+    EXPECT_EQ(reading.get(), code(c.expected)) << c.name;
     EXPECT_EQ(buffer[0], 0xEE) << "a failed read hands back no data: " << c.name;
     EXPECT_EQ(get_sock_status(), code(Status::kConnectionLost)) << c.name;
+  }
+}
+
+TEST_F(TargetAgentClientTest, MalformedHandshakeReplyLeavesNoSession) {
+  const auto helloReply = [](const protocol::Request& hello) {
+    protocol::Reply reply;
+    reply.opcode = protocol::Opcode::kHello;
+    reply.id = hello.id;
+    reply.value = protocol::kProtocolVersion;
+    return ScriptedAgent::encode(reply);
+  };
+  struct Case {
+    const char* name;
+    ScriptedAgent::Answer answer;
+    bool thenClose;
+    Status expected;
+  };
+  const Case cases[] = {
+      {"bad magic",
+       [&](const protocol::Request& hello) {
+         std::vector<uint8_t> frame = helloReply(hello);
+         frame[0] = 'X';
+         return frame;
+       },
+       false, Status::kMalformedReply},
+      {"another id",
+       [&](const protocol::Request& hello) {
+         std::vector<uint8_t> frame = helloReply(hello);
+         ++frame[4];
+         return frame;
+       },
+       false, Status::kMalformedReply},
+      {"an io-write reply",
+       [](const protocol::Request& hello) {
+         protocol::Reply reply;
+         reply.opcode = protocol::Opcode::kIoWrite;
+         reply.id = hello.id;
+         return ScriptedAgent::encode(reply);
+       },
+       false, Status::kMalformedReply},
+      {"cut short, then closed",
+       [&](const protocol::Request& hello) {
+         std::vector<uint8_t> frame = helloReply(hello);
+         frame.resize(protocol::kHeaderSize + 2);
+         return frame;
+       },
+       true, Status::kConnectionLost},
+  };
+  for (const Case& c : cases) {
+    ScriptedAgent agent;
+    int32_t status = 0;
+    ASSERT_NO_FATAL_FAILURE(agent.handshake(c.answer, c.thenClose, status)) << c.name;
+    EXPECT_EQ(status, code(c.expected)) << c.name;
+    expectEveryCallFailsWith(code(Status::kNoSession));
   }
 }
 
