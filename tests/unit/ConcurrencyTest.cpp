@@ -4,7 +4,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -105,47 +104,6 @@ TEST_F(ConcurrencyTest, AccessesFromManyThreadsReachTheirOwnEndpoints) {
   }
   EXPECT_EQ(failures.load(), 0) << "accesses refused by the agent";
   expectEveryAccessReachedItsEndpoint();
-}
-
-TEST_F(ConcurrencyTest, ProcessesComeAndGoWhileOthersAccess) {
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads / 2; ++t) {
-    threads.push_back(spawn([t] {
-      const int endpoint = t % kEndpoints;
-      TaProcessKVX process(endpointAddress(endpoint), endpointPort(endpoint));
-      uint64_t value = 0;
-      for (int i = 0; i < kIterations; ++i) {
-        ExtAddress address;
-        address.address = addressFor(endpoint, t, i);
-        process.write_mem(address, 1, 8, &value);
-      }
-    }));
-  }
-  for (int t = 0; t < kThreads / 2; ++t) {
-    threads.push_back(spawn([&stop, t] {
-      std::mt19937 random(t);
-      int i = 0;
-      while (!stop.load()) {
-        const int endpoint = static_cast<int>(random() % kEndpoints);
-        auto process = std::make_unique<TaProcessKVX>(endpointAddress(endpoint), endpointPort(endpoint));
-        uint64_t value = 0;
-        ExtAddress address;
-        address.address = addressFor(endpoint, kThreads + t, i++);
-        process->read_mem(address, 1, 8, &value);
-      }
-    }));
-  }
-  for (int t = 0; t < kThreads / 2; ++t) {
-    threads[t].join();
-  }
-  stop = true;
-  for (size_t t = kThreads / 2; t < threads.size(); ++t) {
-    threads[t].join();
-  }
-  EXPECT_EQ(failures.load(), 0) << "accesses refused by the agent";
-  expectEveryAccessReachedItsEndpoint();
-  EXPECT_EQ(ExtAddress::memorySpaceIds, std::vector<std::string>{"logger"});
 }
 
 }  // namespace

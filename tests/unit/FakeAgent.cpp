@@ -17,11 +17,8 @@ FakeAgent& FakeAgent::instance() {
 void FakeAgent::reset() {
   std::lock_guard<std::mutex> lock(m_mutex);
   m_calls.clear();
-  m_statuses.clear();
+  m_script = Script();
   m_session = Session();
-  m_readBytes = {};
-  m_registerValue = 0;
-  m_reservedAddress = 0;
 }
 
 void FakeAgent::clearCalls() {
@@ -35,17 +32,11 @@ std::vector<Call> FakeAgent::calls() const {
 }
 
 std::vector<Fn> FakeAgent::functions() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
   std::vector<Fn> result;
-  for (const Call& call : m_calls) {
+  for (const Call& call : calls()) {
     result.push_back(call.fn);
   }
   return result;
-}
-
-size_t FakeAgent::callCount() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_calls.size();
 }
 
 Session FakeAgent::session() const {
@@ -54,51 +45,16 @@ Session FakeAgent::session() const {
 }
 
 void FakeAgent::setStatus(Fn fn, int32_t status) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_statuses[fn] = status;
+  script([fn, status](Script& script) { script.statuses[fn] = status; });
 }
 
-void FakeAgent::setReadBytes(const std::array<uint8_t, 8>& bytes) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_readBytes = bytes;
-}
-
-void FakeAgent::setRegisterValue(uint64_t value) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_registerValue = value;
-}
-
-void FakeAgent::setReservedAddress(uint64_t address) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  m_reservedAddress = address;
-}
-
-std::array<uint8_t, 8> FakeAgent::readBytes() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_readBytes;
-}
-
-uint64_t FakeAgent::registerValue() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_registerValue;
-}
-
-uint64_t FakeAgent::reservedAddress() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_reservedAddress;
-}
-
-int32_t FakeAgent::record(Call call) {
-  // Gives other threads a chance to run between a caller's calls, so that races in the
-  // plug-in's use of the one session show up in the concurrency tests.
-  std::this_thread::yield();
-  std::lock_guard<std::mutex> lock(m_mutex);
+int32_t FakeAgent::recordLocked(Call call) {
   call.sessionOpen = m_session.open;
   call.sessionAddress = m_session.address;
   call.sessionPort = m_session.port;
-  auto scripted = m_statuses.find(call.fn);
+  auto scripted = m_script.statuses.find(call.fn);
   int32_t status = 0;
-  if (scripted != m_statuses.end()) {
+  if (scripted != m_script.statuses.end()) {
     status = scripted->second;
   } else if (call.fn != Fn::StartSession && call.fn != Fn::DestroySession) {
     // Like the real library: nothing but opening and closing works without a session.
@@ -118,6 +74,24 @@ int32_t FakeAgent::record(Call call) {
 using fake::Call;
 using fake::FakeAgent;
 using fake::Fn;
+using fake::Script;
+
+namespace {
+
+int32_t record(Call call) {
+  // Gives other threads a chance to run between a caller's calls, so that races in the
+  // plug-in's use of the one session show up in the concurrency tests.
+  std::this_thread::yield();
+  return FakeAgent::instance().record(std::move(call));
+}
+
+template <typename Answer>
+int32_t record(Call call, Answer answer) {
+  std::this_thread::yield();
+  return FakeAgent::instance().record(std::move(call), answer);
+}
+
+}  // namespace
 
 // The executable exports these (ENABLE_EXPORTS), so the dynamic linker binds the plug-in's
 // references to them rather than to libtarget.agent.so.
@@ -127,19 +101,19 @@ int32_t start_session(const char* address, int32_t port) {
   Call call(Fn::StartSession);
   call.text = address;
   call.port = port;
-  return FakeAgent::instance().record(std::move(call));
+  return record(std::move(call));
 }
 
-int32_t destroy_session(void) { return FakeAgent::instance().record(Call(Fn::DestroySession)); }
+int32_t destroy_session(void) { return record(Call(Fn::DestroySession)); }
 
-int32_t get_sock_status(void) { return FakeAgent::instance().record(Call(Fn::GetSockStatus)); }
+int32_t get_sock_status(void) { return record(Call(Fn::GetSockStatus)); }
 
 int32_t io_write(uint64_t address, uint64_t value, uint32_t size) {
   Call call(Fn::IoWrite);
   call.address = address;
   call.value = value;
   call.size = size;
-  return FakeAgent::instance().record(std::move(call));
+  return record(std::move(call));
 }
 
 int32_t io_read(uint64_t address, uint8_t* buffer, uint32_t size) {
@@ -147,44 +121,42 @@ int32_t io_read(uint64_t address, uint8_t* buffer, uint32_t size) {
   call.address = address;
   call.size = size;
   call.pointer = buffer;
-  const auto bytes = FakeAgent::instance().readBytes();
-  std::memcpy(buffer, bytes.data(), size <= 8 ? size : 8);
-  return FakeAgent::instance().record(std::move(call));
+  return record(std::move(call), [=](const Script& s, int32_t) {
+    std::memcpy(buffer, s.readBytes.data(), size <= 8 ? size : 8);
+  });
 }
 
 int32_t reg_write(const char* name, uint64_t value) {
   Call call(Fn::RegWrite);
   call.text = name;
   call.value = value;
-  return FakeAgent::instance().record(std::move(call));
+  return record(std::move(call));
 }
 
 int32_t reg_read(const char* name, void* destination) {
   Call call(Fn::RegRead);
   call.text = name;
   call.pointer = destination;
-  const uint64_t value = FakeAgent::instance().registerValue();
-  std::memcpy(destination, &value, sizeof value);
-  return FakeAgent::instance().record(std::move(call));
+  return record(std::move(call), [=](const Script& s, int32_t) {
+    std::memcpy(destination, &s.registerValue, sizeof s.registerValue);
+  });
 }
 
 int32_t ddr_reserve(uint64_t size, uint64_t* address) {
   Call call(Fn::DdrReserve);
   call.value = size;
   call.pointer = address;
-  const int32_t status = FakeAgent::instance().record(std::move(call));
-  if (status == 0) {
-    *address = FakeAgent::instance().reservedAddress();
-  }
-  return status;
+  return record(std::move(call), [=](const Script& s, int32_t status) {
+    if (status == 0) *address = s.reservedAddress;
+  });
 }
 
 int32_t ddr_unreserve(uint64_t address) {
   Call call(Fn::DdrUnreserve);
   call.address = address;
-  return FakeAgent::instance().record(std::move(call));
+  return record(std::move(call));
 }
 
-int32_t ddr_unreserve_all(void) { return FakeAgent::instance().record(Call(Fn::DdrUnreserveAll)); }
+int32_t ddr_unreserve_all(void) { return record(Call(Fn::DdrUnreserveAll)); }
 
 }  // extern "C"

@@ -1,7 +1,7 @@
-// A recording stand-in for the agent client library, linked into the unit-test program. Its ten
+// A recording stand-in for the agent client library, linked into the unit-test programs. Its ten
 // C functions are exported by the test executable and so take the place of libtarget.agent.so's
 // for the plug-in. It records every call with its arguments and the session it arrived in, and
-// answers with statuses and bytes that a test scripts. Thread-safe.
+// answers with statuses and values that a test scripts. Thread-safe.
 #pragma once
 
 #include <array>
@@ -50,47 +50,58 @@ struct Session {
   int32_t port = 0;
 };
 
+/// What the fake answers. Unless a status is scripted, start_session and destroy_session
+/// succeed, and every other call answers 0 while a session is open and -1 otherwise.
+struct Script {
+  std::map<Fn, int32_t> statuses;
+  std::array<uint8_t, 8> readBytes{};  ///< io_read stores the first n of them
+  uint64_t registerValue = 0;          ///< reg_read stores all 8 bytes
+  uint64_t reservedAddress = 0;        ///< ddr_reserve stores it when it succeeds
+};
+
 class FakeAgent {
  public:
   static FakeAgent& instance();
 
-  /// Forgets calls and scripts and closes the session.
+  /// Forgets calls and script and closes the session.
   void reset();
   /// Forgets the calls only.
   void clearCalls();
 
   std::vector<Call> calls() const;
   std::vector<Fn> functions() const;
-  size_t callCount() const;
   Session session() const;
 
-  /// Every later call of `fn` returns `status`. Unless scripted, start_session and
-  /// destroy_session succeed, and every other call answers 0 while a session is open and -1
-  /// otherwise.
+  /// Every later call of `fn` returns `status`.
   void setStatus(Fn fn, int32_t status);
-  /// Bytes that io_read stores (its first n of them).
-  void setReadBytes(const std::array<uint8_t, 8>& bytes);
-  /// The value reg_read stores: 8 bytes at the destination.
-  void setRegisterValue(uint64_t value);
-  /// The address ddr_reserve stores, when it succeeds.
-  void setReservedAddress(uint64_t address);
+  /// Changes the script under the fake's lock.
+  template <typename Change>
+  void script(Change change) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    change(m_script);
+  }
 
-  // Entry points of the C functions.
-  int32_t record(Call call);
-  std::array<uint8_t, 8> readBytes() const;
-  uint64_t registerValue() const;
-  uint64_t reservedAddress() const;
+  /// Records `call` and answers its status; `answer` then fills the caller's output from the
+  /// script, on success and failure alike, as the function would.
+  template <typename Answer>
+  int32_t record(Call call, Answer answer) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const int32_t status = recordLocked(std::move(call));
+    answer(m_script, status);
+    return status;
+  }
+  int32_t record(Call call) {
+    return record(std::move(call), [](const Script&, int32_t) {});
+  }
 
  private:
   FakeAgent() = default;
+  int32_t recordLocked(Call call);
 
   mutable std::mutex m_mutex;  // guards everything below
   std::vector<Call> m_calls;
-  std::map<Fn, int32_t> m_statuses;
+  Script m_script;
   Session m_session;
-  std::array<uint8_t, 8> m_readBytes{};
-  uint64_t m_registerValue = 0;
-  uint64_t m_reservedAddress = 0;
 };
 
 /// Number of agent calls made before main() started, i.e. while the libraries were loaded.

@@ -10,7 +10,6 @@
 #include <boost/pointer_cast.hpp>
 
 #include "vorn/ConfigBlock.h"
-#include "vorn/Exception.h"
 #include "vorn/Plugin.h"
 
 namespace vorn {
@@ -26,17 +25,6 @@ TEST(HostFrameworkTest, BlockReplacesAttributesByNameAndAnswersEmptyForUnknownNa
   ASSERT_TRUE(boost::dynamic_pointer_cast<UInt32Attribute>(attribute));
   EXPECT_EQ(boost::dynamic_pointer_cast<UInt32Attribute>(attribute)->getValue(), 5u);
   EXPECT_FALSE(block.getAttribute("tatype")) << "names are case-sensitive";
-}
-
-TEST(HostFrameworkTest, ExceptionKeepsWhereAndWhat) {
-  try {
-    throw Exception("File.cpp", 42, "Cannot read register pc");
-  } catch (const std::exception& e) {
-    EXPECT_STREQ(e.what(), "Cannot read register pc");
-    const auto& framework = dynamic_cast<const Exception&>(e);
-    EXPECT_EQ(framework.getFile(), "File.cpp");
-    EXPECT_EQ(framework.getLine(), 42u);
-  }
 }
 
 TEST(HostFrameworkTest, NewUuidIsUniqueAcrossThreads) {

@@ -113,13 +113,13 @@ TEST_F(KVXConnectionTest, CopiesCarryTheFlagAndMakeNoAgentCall) {
     KVXConnection copy(original);
     KVXConnection assigned;
     assigned = original;
-    EXPECT_EQ(agent().callCount(), 0u);
+    EXPECT_EQ(agent().calls().size(), 0u);
     agent().setStatus(Fn::GetSockStatus, 0);
     EXPECT_TRUE(copy.isActive());
     EXPECT_TRUE(assigned.isActive());
     agent().reset();
   }
-  EXPECT_EQ(agent().callCount(), 0u) << "destroying a descriptor never closes the session";
+  EXPECT_EQ(agent().calls().size(), 0u) << "destroying a descriptor never closes the session";
 }
 
 TEST_F(KVXConnectionTest, StaleActiveDescriptorClosesTheSessionOthersOpened) {

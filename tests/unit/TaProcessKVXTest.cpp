@@ -94,30 +94,27 @@ class TaProcessKVXTest : public ::testing::Test {
 
 TEST_F(TaProcessKVXTest, LoadingTheLibraryMakesNoAgentCall) { EXPECT_EQ(fake::g_callsAtStartup, 0u); }
 
-TEST_F(TaProcessKVXTest, ConstructionAsksTheSocketTwiceAndReplacesTheMemorySpaces) {
+TEST_F(TaProcessKVXTest, LifecycleAsksOnlyTheSocketAndNeverClosesTheSession) {
   ExtAddress::memorySpaceIds = {"physical", "virtual", "io"};
-  TaProcessKVX process("10.1.2.3", 7000);
+  auto kvx = std::make_unique<TaProcessKVX>("10.1.2.3", 7000);
   EXPECT_EQ(agent().functions(), (std::vector<Fn>{Fn::GetSockStatus, Fn::GetSockStatus}));
   EXPECT_EQ(ExtAddress::memorySpaceIds, std::vector<std::string>{"logger"});
-  EXPECT_EQ(process.getLocalConnection(), KVXConnection("10.1.2.3", 7000));
+  EXPECT_EQ(kvx->getLocalConnection(), KVXConnection("10.1.2.3", 7000));
   EXPECT_EQ(TaProcessKVX::m_sharedConnection, KVXConnection()) << "construction opens no session";
-}
 
-TEST_F(TaProcessKVXTest, FixedAnswersTouchNeitherAgentNorBuffer) {
-  auto kvx = process("A", 1);
+  agent().clearCalls();
   std::array<uint8_t, 4> buffer{1, 2, 3, 4};
   EXPECT_FALSE(kvx->read_piped_mem(at(0), 1, 4, buffer.data()));
   EXPECT_FALSE(kvx->callbacksAvailable());
   EXPECT_EQ(kvx->getProcessType(), 1);
   EXPECT_EQ(buffer, (std::array<uint8_t, 4>{1, 2, 3, 4}));
-  EXPECT_EQ(agent().callCount(), 0u);
-}
 
-TEST_F(TaProcessKVXTest, DestructionMakesNoAgentCallAndKeepsTheSession) {
-  auto kvx = activeProcess("A", 1);
+  kvx->activateConnection();
+  agent().clearCalls();
   kvx.reset();
-  EXPECT_EQ(agent().callCount(), 0u);
-  EXPECT_EQ(TaProcessKVX::m_sharedConnection, KVXConnection("A", 1));
+  EXPECT_TRUE(agent().calls().empty());
+  EXPECT_TRUE(agent().session().open);
+  EXPECT_EQ(TaProcessKVX::m_sharedConnection, KVXConnection("10.1.2.3", 7000));
 }
 
 // ---- The session switch ----
@@ -205,7 +202,7 @@ TEST_F(TaProcessKVXTest, FailedStartIsNotRetriedUntilAnotherEndpointSwitches) {
 TEST_F(TaProcessKVXTest, SetLocalConnectionMakesNoCallAndTheNextAccessSwitches) {
   auto kvx = activeProcess("A", 1);
   kvx->setLocalConnection(KVXConnection("B", 9));
-  EXPECT_EQ(agent().callCount(), 0u);
+  EXPECT_EQ(agent().calls().size(), 0u);
   EXPECT_EQ(kvx->getLocalConnection(), KVXConnection("B", 9));
   uint8_t byte = 0;
   kvx->read_mem(at(0), 1, 1, &byte);
@@ -274,7 +271,7 @@ TEST_F(TaProcessKVXTest, ZeroBytesAreStillOneAgentCallEach) {
 
 TEST_F(TaProcessKVXTest, ReadMemCopiesExactlyTheBytesAskedForEvenOnFailure) {
   auto kvx = activeProcess();
-  agent().setReadBytes({1, 2, 3, 4, 5, 6, 7, 8});
+  agent().script([](fake::Script& s) { s.readBytes = {1, 2, 3, 4, 5, 6, 7, 8}; });
   std::array<uint8_t, 12> buffer;
   buffer.fill(0xee);
   EXPECT_TRUE(kvx->read_mem(at(0x40), 3, 1, buffer.data()));
@@ -302,7 +299,7 @@ TEST_F(TaProcessKVXTest, RegisterWritesAreFullWordsAndReadsGetTheCallersBuffer) 
   EXPECT_TRUE(kvx->write_register("sp", 10, 1, data));
   EXPECT_EQ(agent().calls().back().value, 0x060504030201bbaau);
 
-  agent().setRegisterValue(0x1122334455667788u);
+  agent().script([](fake::Script& s) { s.registerValue = 0x1122334455667788u; });
   uint64_t wide[2] = {0, 0xdead};
   EXPECT_TRUE(kvx->read_register("pc", 2, 8, wide));
   EXPECT_EQ(agent().calls().back().pointer, static_cast<const void*>(wide));
@@ -396,7 +393,7 @@ TEST_F(TaProcessKVXTest, RefusedAccessesThrowTheirMessageFromTheThrowingLine) {
 
 TEST_F(TaProcessKVXTest, ReservationsLabelPhysicalAndReportFailureAsFalse) {
   auto kvx = activeProcess();
-  agent().setReservedAddress(0x80001000);
+  agent().script([](fake::Script& s) { s.reservedAddress = 0x80001000; });
   ExtAddress block = at(0, "logger");
   EXPECT_TRUE(kvx->reserve_mem(256, block));
   EXPECT_EQ(block.memorySpace, "physical");
@@ -433,7 +430,7 @@ TEST_F(TaProcessKVXTest, ReservationsGoToTheOpenSessionWithoutSwitching) {
   for (const auto& call : agent().calls()) {
     EXPECT_EQ(call.sessionAddress, "A");
   }
-  EXPECT_EQ(agent().callCount(), 3u);
+  EXPECT_EQ(agent().calls().size(), 3u);
 }
 
 }  // namespace

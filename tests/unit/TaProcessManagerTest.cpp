@@ -1,9 +1,7 @@
 #include "manager/TaProcessManager.h"
 
-#include <atomic>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -127,7 +125,7 @@ TEST_F(TaProcessManagerTest, AdmissionFollowsTheLookupOrderAndComparesExactly) {
     EXPECT_EQ(manager.unregisterClient("", c.config), c.expected) << "case: " << c.name;
     EXPECT_EQ(manager.unregisterClient("never registered", c.config), c.expected) << "case: " << c.name;
   }
-  EXPECT_EQ(fake::FakeAgent::instance().callCount(), 0u) << "admission never reaches the agent";
+  EXPECT_EQ(fake::FakeAgent::instance().calls().size(), 0u) << "admission never reaches the agent";
 }
 
 TEST_F(TaProcessManagerTest, TextTaTypeStopsTheLookupBeforeTheEnumeration) {
@@ -150,28 +148,22 @@ TEST_F(TaProcessManagerTest, EmptyEnumerationListThrowsAndLeavesItsMutexFree) {
   EXPECT_EQ(manager.registerClient(nullptr, config), TA_METHOD_SERVED);
 }
 
-TEST_F(TaProcessManagerTest, GetInstanceAnswersTheSameObjectToConcurrentFirstCalls) {
-  std::vector<TaProcessManager*> seen(8);
-  std::vector<std::thread> threads;
-  for (auto& slot : seen) {
-    threads.emplace_back([&slot] { slot = &TaProcessManager::getInstance(); });
-  }
-  for (auto& thread : threads) {
-    thread.join();
-  }
-  for (TaProcessManager* instance : seen) {
-    EXPECT_EQ(instance, &manager);
-  }
-}
-
-TEST_F(TaProcessManagerTest, ServedCompleteBlockGivesAProcessOwnedByTheCallerAlone) {
-  auto process = manager.getTaProcess("any", servedBlock("10.0.0.1", 4242));
-  ASSERT_TRUE(process);
+TEST_F(TaProcessManagerTest, EachServedCallGivesANewProcessOwnedByTheCallerAlone) {
+  auto config = servedBlock("10.0.0.1", 4242);
+  auto process = manager.getTaProcess("a", config);
+  auto other = manager.getTaProcess("b", config);
+  ASSERT_TRUE(process && other);
+  EXPECT_NE(process.get(), other.get());
   EXPECT_EQ(process.use_count(), 1);
   auto* kvx = dynamic_cast<TaProcessKVX*>(process.get());
   ASSERT_NE(kvx, nullptr);
   EXPECT_EQ(kvx->getLocalConnection(), KVXConnection("10.0.0.1", 4242));
-  EXPECT_EQ(kvx->getProcessType(), 1);
+  EXPECT_EQ(fake::FakeAgent::instance().functions(), std::vector<fake::Fn>(4, fake::Fn::GetSockStatus))
+      << "creation only asks the socket, twice a process";
+
+  boost::weak_ptr<TaProcess> watch = process;
+  process.reset();
+  EXPECT_TRUE(watch.expired());
 }
 
 TEST_F(TaProcessManagerTest, IncompleteOrUnservedBlocksGiveNoProcess) {
@@ -234,25 +226,6 @@ TEST_F(TaProcessManagerTest, PortKeepsItsThirtyTwoBitsAndAddressIsPassedUnchange
     EXPECT_EQ(connection.getTargetAddress(), c.address);
     EXPECT_EQ(connection.getTargetPort(), c.expectedPort);
   }
-}
-
-TEST_F(TaProcessManagerTest, CreationMakesOnlyTheDescriptorsSocketQueries) {
-  auto config = servedBlock("h", 1);
-  auto first = manager.getTaProcess("a", config);
-  auto second = manager.getTaProcess("b", config);
-  ASSERT_TRUE(first && second);
-  EXPECT_NE(first.get(), second.get());
-  EXPECT_EQ(fake::FakeAgent::instance().functions(), std::vector<fake::Fn>(4, fake::Fn::GetSockStatus));
-}
-
-TEST_F(TaProcessManagerTest, DroppingTheLastReferenceDestroysTheProcessOnce) {
-  auto process = manager.getTaProcess("", servedBlock("h", 1));
-  boost::weak_ptr<TaProcess> watch = process;
-  auto copy = process;
-  process.reset();
-  EXPECT_FALSE(watch.expired());
-  copy.reset();
-  EXPECT_TRUE(watch.expired());
 }
 
 }  // namespace
