@@ -15,6 +15,9 @@ cmake --preset default >/dev/null
 cmake --build --preset default -j "$jobs"
 ctest --preset default -j "$jobs"
 
+step "benchmarks, once each, to prove they run"
+build/default/bin/ta_kvx_bench --benchmark_min_time=0.01
+
 step "AddressSanitizer + UndefinedBehaviorSanitizer"
 cmake --preset asan >/dev/null
 cmake --build --preset asan -j "$jobs"

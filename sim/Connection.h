@@ -36,8 +36,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void doRead();
   /// Answers the frames complete in the buffer, then reads or writes as the protocol needs.
   void processBuffer();
-  /// Sends the reply built in m_reply.
-  void doWrite(size_t length);
+  /// Sends the first `length` bytes of m_reply. True when the reply is out and the caller may go
+  /// on with the next frame; false when an asynchronous write carries on with it or the
+  /// connection is ending.
+  bool sendReply(size_t length);
+  /// Sends m_reply's bytes from `sent` to `length` asynchronously, then goes on with the buffer.
+  void doWrite(size_t sent, size_t length);
+  /// Drops the connection when --drop-after is reached; true when it did.
+  bool dropIfDone();
   /// Ends the connection with a log line; nothing is sent.
   void drop(const std::string& reason);
 

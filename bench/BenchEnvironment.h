@@ -1,0 +1,57 @@
+// What the loopback benchmarks run against: two kvx-agent-sim child processes that main() starts
+// before any benchmark and stops after the last, and a record of benchmarks that failed, so that
+// the program's exit status reports them.
+//
+// Set up once on the main thread; afterwards any benchmark thread may read the endpoints and
+// report a failure.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace kvx::test {
+class SimProcess;
+}
+
+namespace bench {
+
+struct Endpoint {
+  std::string address;
+  int port = 0;
+};
+
+class BenchEnvironment {
+ public:
+  /// Starts the two simulators; with `simCpu`, both run on that CPU only. Throws
+  /// std::runtime_error when either cannot be started.
+  explicit BenchEnvironment(std::optional<int> simCpu);
+  /// Stops the simulators.
+  ~BenchEnvironment();
+
+  BenchEnvironment(const BenchEnvironment&) = delete;
+  BenchEnvironment& operator=(const BenchEnvironment&) = delete;
+
+  /// The environment of this run; only valid while main() holds it.
+  static BenchEnvironment& current();
+
+  const Endpoint& firstAgent() const { return m_first; }
+  const Endpoint& secondAgent() const { return m_second; }
+
+ private:
+  std::unique_ptr<kvx::test::SimProcess> m_firstSim;
+  std::unique_ptr<kvx::test::SimProcess> m_secondSim;
+  Endpoint m_first;
+  Endpoint m_second;
+};
+
+/// Marks the benchmark as failed with `message`; the program then exits with status 1. The
+/// caller leaves its timed loop right after.
+void fail(benchmark::State& state, const std::string& message);
+
+/// Whether any benchmark failed.
+bool anyFailed();
+
+}  // namespace bench
