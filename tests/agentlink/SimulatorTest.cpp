@@ -28,6 +28,27 @@ using kvx::test::SimProcess;
 namespace protocol = kvx::protocol;
 using Bytes = std::vector<uint8_t>;
 
+protocol::Request request(protocol::Opcode opcode, uint64_t value, uint32_t size = 0) {
+  protocol::Request made;
+  made.opcode = opcode;
+  made.id = 1;
+  made.value = value;
+  made.size = size;
+  return made;
+}
+
+protocol::Request hello(uint32_t version = protocol::kProtocolVersion) {
+  return request(protocol::Opcode::kHello, version);
+}
+
+protocol::Request ioRead(uint64_t address) { return request(protocol::Opcode::kIoRead, address, 8); }
+
+Bytes encoded(const protocol::Request& request) {
+  Bytes frame(protocol::kMaxFrameSize);
+  frame.resize(protocol::encodeRequest(request, frame.data(), frame.size()));
+  return frame;
+}
+
 /// A plain TCP connection to the simulator, every wait bounded by five seconds.
 class RawConnection {
  public:
@@ -51,18 +72,16 @@ class RawConnection {
   }
 
   /// Sends `request` and decodes the one reply; false when none arrives.
-  bool exchange(const protocol::Request& request, protocol::Reply& reply) {
-    Bytes frame(protocol::kMaxFrameSize);
-    frame.resize(protocol::encodeRequest(request, frame.data(), frame.size()));
-    send(frame);
-    Bytes in(protocol::replyFrameSize(request.opcode));
+  bool exchange(const protocol::Request& sent, protocol::Reply& reply) {
+    send(encoded(sent));
+    Bytes in(protocol::replyFrameSize(sent.opcode));
     size_t got = 0;
     while (got < in.size()) {
       const ssize_t n = ::recv(m_fd, in.data() + got, in.size() - got, 0);
       if (n <= 0) return false;
       got += size_t(n);
     }
-    return protocol::decodeReply(in.data(), in.size(), reply) && reply.id == request.id;
+    return protocol::decodeReply(in.data(), in.size(), reply) && reply.id == sent.id;
   }
 
   /// True when the simulator ends the connection (end of stream or reset) within the limit.
@@ -76,29 +95,6 @@ class RawConnection {
   int m_fd;
 };
 
-protocol::Request hello(uint32_t version = protocol::kProtocolVersion) {
-  protocol::Request request;
-  request.opcode = protocol::Opcode::kHello;
-  request.id = 1;
-  request.value = version;
-  return request;
-}
-
-protocol::Request ioRead(uint64_t address) {
-  protocol::Request request;
-  request.opcode = protocol::Opcode::kIoRead;
-  request.id = 2;
-  request.value = address;
-  request.size = 8;
-  return request;
-}
-
-Bytes encoded(const protocol::Request& request) {
-  Bytes frame(protocol::kMaxFrameSize);
-  frame.resize(protocol::encodeRequest(request, frame.data(), frame.size()));
-  return frame;
-}
-
 Bytes withByte(Bytes frame, size_t offset, uint8_t value) {
   frame[offset] = value;
   return frame;
@@ -106,19 +102,12 @@ Bytes withByte(Bytes frame, size_t offset, uint8_t value) {
 
 TEST(SimulatorTest, MalformedFramesDropOnlyTheirOwnConnection) {
   SimProcess sim;
-  RawConnection bystander(sim.port());
   protocol::Reply reply;
-  ASSERT_TRUE(bystander.exchange(hello(), reply));
   ASSERT_EQ(start_session(sim.address().c_str(), sim.port()), 0);
 
+  // Which frames the decoders refuse is the protocol test's; these reach each way the simulator
+  // has of ending a connection.
   const Bytes read = encoded(ioRead(0x10));
-  Bytes regRead = encoded([] {
-    protocol::Request request;
-    request.opcode = protocol::Opcode::kRegRead;
-    request.nameLength = 2;
-    std::memcpy(request.name, "r1", 2);
-    return request;
-  }());
   const auto cut = [](const Bytes& frame, size_t length) {
     return Bytes(frame.begin(), frame.begin() + length);
   };
@@ -133,40 +122,22 @@ TEST(SimulatorTest, MalformedFramesDropOnlyTheirOwnConnection) {
   // What becomes of the attacker's connection: the agent drops it, the attacker closes it midway,
   // or the attacker leaves it open with half a frame in the agent's buffer.
   enum class Ending { kDroppedByAgent, kClosedByClient, kLeftOpen };
-  struct Case {
+  const struct {
     const char* name;
     Bytes bytes;
-    Greeting greeting;
-    Ending ending;
-  };
-  const Case cases[] = {
-      {"bad magic", withByte(read, 0, 'X'), Greeting::kAccepted, Ending::kDroppedByAgent},
-      {"second magic byte wrong", withByte(read, 1, 'B'), Greeting::kAccepted, Ending::kDroppedByAgent},
-      {"reserved byte set", withByte(read, 3, 1), Greeting::kAccepted, Ending::kDroppedByAgent},
+    Greeting greeting = Greeting::kAccepted;
+    Ending ending = Ending::kDroppedByAgent;
+  } cases[] = {
+      {"bad magic", withByte(read, 0, 'X')},
       // Only the header is sent: the drop must not wait for a payload that never comes.
-      {"length of 4 GiB", Bytes{'K', 'A', 0x04, 0, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, Greeting::kAccepted,
-       Ending::kDroppedByAgent},
-      {"length one past the maximum",
-       Bytes{'K', 'A', 0x05, 0, 2, 0, 0, 0, protocol::kMaxPayloadSize + 1, 0, 0, 0}, Greeting::kAccepted,
-       Ending::kDroppedByAgent},
-      {"length under the opcode's", cut(withByte(read, 8, 4), protocol::kHeaderSize + 4), Greeting::kAccepted,
-       Ending::kDroppedByAgent},
-      {"length over the opcode's", longRead, Greeting::kAccepted, Ending::kDroppedByAgent},
+      {"length of 4 GiB", Bytes{'K', 'A', 0x04, 0, 2, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
+      {"length over the opcode's", longRead},
+      {"io size of 9", withByte(read, protocol::kHeaderSize + 8, 9)},
+      {"garbage", garbage},
       {"hello with a short payload", cut(withByte(encoded(hello()), 8, 2), protocol::kHeaderSize + 2),
-       Greeting::kNone, Ending::kDroppedByAgent},
-      {"unknown opcode", withByte(read, 2, 0x7F), Greeting::kAccepted, Ending::kDroppedByAgent},
-      {"reply sent as a request", withByte(read, 2, 0x84), Greeting::kAccepted, Ending::kDroppedByAgent},
-      {"io size of 9", withByte(read, protocol::kHeaderSize + 8, 9), Greeting::kAccepted,
-       Ending::kDroppedByAgent},
-      {"empty register name", withByte(withByte(regRead, 8, 1), protocol::kHeaderSize, 0),
-       Greeting::kAccepted, Ending::kDroppedByAgent},
-      {"register name with a NUL", withByte(regRead, protocol::kHeaderSize + 2, 0), Greeting::kAccepted,
-       Ending::kDroppedByAgent},
-      {"name length past the payload", withByte(regRead, protocol::kHeaderSize, 3), Greeting::kAccepted,
-       Ending::kDroppedByAgent},
-      {"garbage", garbage, Greeting::kAccepted, Ending::kDroppedByAgent},
-      {"request before the handshake", read, Greeting::kNone, Ending::kDroppedByAgent},
-      {"request after a refused handshake", read, Greeting::kRefused, Ending::kDroppedByAgent},
+       Greeting::kNone},
+      {"request before the handshake", read, Greeting::kNone},
+      {"request after a refused handshake", read, Greeting::kRefused},
       {"header cut short, then closed", cut(read, 7), Greeting::kAccepted, Ending::kClosedByClient},
       {"frame cut short, then closed", cut(read, protocol::kHeaderSize + 5), Greeting::kAccepted,
        Ending::kClosedByClient},
@@ -174,32 +145,21 @@ TEST(SimulatorTest, MalformedFramesDropOnlyTheirOwnConnection) {
        Ending::kLeftOpen},
   };
   std::vector<std::unique_ptr<RawConnection>> leftOpen;
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     auto attacker = std::make_unique<RawConnection>(sim.port());
     if (c.greeting != Greeting::kNone) {
-      ASSERT_TRUE(
-          attacker->exchange(hello(c.greeting == Greeting::kAccepted ? protocol::kProtocolVersion
-                                                                     : protocol::kProtocolVersion + 1),
-                             reply))
-          << c.name;
+      const uint32_t version = protocol::kProtocolVersion + (c.greeting == Greeting::kRefused ? 1 : 0);
+      ASSERT_TRUE(attacker->exchange(hello(version), reply)) << "case: " << c.name;
     }
     attacker->send(c.bytes);
-    switch (c.ending) {
-      case Ending::kDroppedByAgent:
-        EXPECT_TRUE(attacker->closedByPeer()) << c.name;
-        break;
-      case Ending::kClosedByClient:
-        attacker.reset();
-        break;
-      case Ending::kLeftOpen:
-        leftOpen.push_back(std::move(attacker));
-        break;
+    if (c.ending == Ending::kDroppedByAgent) {
+      EXPECT_TRUE(attacker->closedByPeer()) << "case: " << c.name;
     }
+    if (c.ending == Ending::kLeftOpen) leftOpen.push_back(std::move(attacker));
+    attacker.reset();
 
-    // The others are still served, the raw one and the library's session alike.
-    EXPECT_TRUE(bystander.exchange(ioRead(0x10), reply)) << c.name;
-    EXPECT_EQ(reply.status, protocol::ReplyStatus::kOk) << c.name;
-    EXPECT_EQ(io_write(0x10, 0x42, 1), 0) << c.name;
+    // The others are still served.
+    EXPECT_EQ(io_write(0x10, 0x42, 1), 0) << "case: " << c.name;
   }
   // And new clients as well.
   RawConnection newcomer(sim.port());

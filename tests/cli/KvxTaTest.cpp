@@ -8,43 +8,44 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <future>
 #include <iterator>
-#include <memory>
 #include <random>
 #include <regex>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "tests/cli/ProgramRun.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/SimProcess.h"
 
 namespace kvx::test {
 namespace {
 
-using std::chrono::milliseconds;
-
 constexpr int kUsageError = 2;
 constexpr int kFailure = 1;
 const char* const kStartedPrefix = "kvx-ta: started kvx-agent-sim on 127.0.0.1:";
-const std::regex kSummaryLine(R"((verified )?\d+ bytes in \d+\.\d{3} s \(\d+\.\d KiB/s\))");
+/// The end of the summary line of a bulk command, after its byte count.
+const std::string kSummary = R"( bytes in \d+\.\d{3} s \(\d+\.\d KiB/s\)\n)";
 
 ProgramResult kvxTa(std::vector<std::string> arguments, std::string input = "",
                     std::vector<std::string> environment = {}) {
-  ProgramRun run;
-  run.arguments = std::move(arguments);
-  run.input = std::move(input);
-  run.environment = std::move(environment);
-  return runProgram(KVX_TA_PATH, run);
+  arguments.insert(arguments.begin(), KVX_TA_PATH);
+  ChildProcess::Options options;
+  options.input = std::move(input);
+  options.environment = std::move(environment);
+  return runProgram(arguments, options);
+}
+
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream in(text);
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 /// `arguments` after --server naming `sim`.
@@ -70,24 +71,9 @@ bool somethingListensOn(int port) {
   return connected;
 }
 
-/// A loopback port that nothing listened on a moment ago.
-int unusedPort() {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  socklen_t length = sizeof address;
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  ::close(fd);
-  return ntohs(address.sin_port);
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> result;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) result.push_back(line);
-  return result;
+std::string contentOf(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 class KvxTaTest : public ::testing::Test {
@@ -103,87 +89,76 @@ class KvxTaTest : public ::testing::Test {
                       "-" + name);
     return m_files.back();
   }
-
+  /// A scratch file holding `content`.
   std::string scratchFile(const std::string& name, const std::string& content) {
-    const std::string path = scratch(name);
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
+    std::ofstream(scratch(name), std::ios::binary) << content;
+    return m_files.back();
   }
 
  private:
   std::vector<std::string> m_files;
 };
 
-std::string contentOf(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 // ---- Commands ----
 
-TEST_F(KvxTaTest, EachCommandRunsOnAnEmbeddedSimulatorThatStopsWithTheRun) {
-  struct Case {
-    std::vector<std::string> arguments;
-    std::string stdoutPattern;
-  };
-  const std::string image = scratchFile("image", std::string(100, 'x'));
-  const Case cases[] = {
-      {{"read", "0x1000"}, "0x00000000\n"},
-      {{"read", "4096", "1"}, "0x00\n"},
-      {{"read", "0x1000", "8"}, "0x0000000000000000\n"},
-      {{"write", "0x1000", "0xdeadbeef"}, ""},
-      {{"write", "0x1000", "255", "1"}, ""},
-      {{"reg", "pc"}, "0x[0-9a-f]{16}\n"},
-      {{"reg", "r63", "0xffffffffffffffff"}, ""},
-      {{"reserve", "4096"}, "0x[0-9a-f]{16}\n"},
-      {{"unreserve-all"}, ""},
-      {{"load", image, "0x1001", "--verify"}, ""},
-      {{"dump", "0xfffffffffffffff0", "16"},
-       "f{15}0:  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  \\|\\.{16}\\|\n"},
-  };
-  for (const Case& c : cases) {
-    const ProgramResult result = kvxTa(c.arguments);
-    const std::string command = ::testing::PrintToString(c.arguments);
-    ASSERT_EQ(result.exitCode, 0) << command << "\n" << result;
-    EXPECT_TRUE(std::regex_match(result.out, std::regex(c.stdoutPattern))) << command << "\n" << result;
-    const int port = embeddedPort(result);
-    ASSERT_NE(port, 0) << command << "\n" << result;
-    EXPECT_FALSE(somethingListensOn(port)) << command << ": the simulator outlived the run";
-  }
-
-  // A failure after the simulator started stops it as well.
+TEST_F(KvxTaTest, WithoutServerEachRunStartsASimulatorAndStopsItWhateverTheOutcome) {
+  const ProgramResult read = kvxTa({"read", "0x1000", "8"});
+  EXPECT_EQ(read.exitCode, 0) << read;
+  EXPECT_EQ(read.out, "0x0000000000000000\n") << read;
   const ProgramResult refused = kvxTa({"unreserve", "0x1234"});
   EXPECT_EQ(refused.exitCode, kFailure) << refused;
   EXPECT_NE(refused.err.find("cannot release the block at 0x1234: the agent at 127.0.0.1:"),
             std::string::npos)
       << refused;
-  ASSERT_NE(embeddedPort(refused), 0) << refused;
-  EXPECT_FALSE(somethingListensOn(embeddedPort(refused)));
+  for (const ProgramResult* result : {&read, &refused}) {
+    ASSERT_NE(embeddedPort(*result), 0) << *result;
+    EXPECT_FALSE(somethingListensOn(embeddedPort(*result))) << "the simulator outlived the run\n" << *result;
+  }
 }
 
 TEST_F(KvxTaTest, CommandsThroughServerShareItsTargetAcrossRuns) {
   SimProcess sim({"--quiet"});
-  ASSERT_EQ(kvxTa(at(sim, {"write", "0x2000", "0x1122334455667788", "8"})).exitCode, 0);
-  EXPECT_EQ(kvxTa(at(sim, {"read", "0x2000", "8"})).out, "0x1122334455667788\n");
-  EXPECT_EQ(kvxTa(at(sim, {"read", "0x2002", "2"})).out, "0x5566\n");
-  ASSERT_EQ(kvxTa(at(sim, {"reg", "sp", "0x7fff0000"})).exitCode, 0);
-  EXPECT_EQ(kvxTa(at(sim, {"reg", "sp"})).out, "0x000000007fff0000\n");
+  const std::string image = scratchFile("image", std::string(100, 'x'));
+  // One kvx-ta run each, in this order; the hostname form of the server on one of them.
+  const struct {
+    std::string command;
+    std::string stdoutPattern;
+  } runs[] = {
+      {"write 0x2000 0x1122334455667788 8", ""},
+      {"read 0x2000 8", "0x1122334455667788\n"},
+      {"read 8194 2", "0x5566\n"},
+      {"read 0x2000", "0x55667788\n"},
+      {"write 0x2000 255 1", ""},
+      {"--server localhost:" + std::to_string(sim.port()) + " read 0x2000 1", "0xff\n"},
+      {"reg sp 0x7fff0000", ""},
+      {"reg sp", "0x000000007fff0000\n"},
+      {"reg r63 0xffffffffffffffff", ""},
+      {"reg r63", "0xffffffffffffffff\n"},
+      {"reserve 4096", "0x[0-9a-f]{16}\n"},
+      {"unreserve-all", ""},
+      {"load " + image + " 0x1001 --verify", ""},
+      {"dump 0xfffffffffffffff0 16",
+       "f{15}0:  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  \\|\\.{16}\\|\n"},
+  };
+  for (const auto& run : runs) {
+    const ProgramResult result =
+        kvxTa(run.command.rfind("--", 0) == 0 ? words(run.command) : at(sim, words(run.command)));
+    ASSERT_EQ(result.exitCode, 0) << "case: " << run.command << "\n" << result;
+    EXPECT_TRUE(std::regex_match(result.out, std::regex(run.stdoutPattern)))
+        << "case: " << run.command << "\n"
+        << result;
+    EXPECT_EQ(embeddedPort(result), 0)
+        << "case: " << run.command << ": no simulator of its own with --server";
+  }
 
   const ProgramResult reserved = kvxTa(at(sim, {"reserve", "256"}));
   ASSERT_EQ(reserved.exitCode, 0) << reserved;
   const std::string block = reserved.out.substr(0, reserved.out.size() - 1);
   EXPECT_EQ(kvxTa(at(sim, {"unreserve", block})).exitCode, 0);
   EXPECT_EQ(kvxTa(at(sim, {"unreserve", block})).exitCode, kFailure);
-  EXPECT_EQ(kvxTa(at(sim, {"unreserve-all"})).exitCode, 0);
-  EXPECT_EQ(embeddedPort(kvxTa(at(sim, {"read", "0"}))), 0) << "no simulator of its own with --server";
 }
 
-TEST_F(KvxTaTest, ServerMayBeNamedOrAnIpv6AddressInBrackets) {
-  SimProcess sim({"--quiet"});
-  const ProgramResult byName =
-      kvxTa({"--server", "localhost:" + std::to_string(sim.port()), "read", "0", "1"});
-  EXPECT_EQ(byName.exitCode, 0) << byName;
-
+TEST_F(KvxTaTest, ServerMayBeAnIpv6AddressInBrackets) {
   std::unique_ptr<SimProcess> v6;
   try {
     v6 = std::make_unique<SimProcess>(std::vector<std::string>{"--quiet", "--bind", "::1"});
@@ -196,56 +171,41 @@ TEST_F(KvxTaTest, ServerMayBeNamedOrAnIpv6AddressInBrackets) {
   EXPECT_EQ(read.out, "0x5a\n") << read;
 }
 
-TEST_F(KvxTaTest, LoadWithVerifyThenDumpToFileReturnsTheSameBytes) {
+TEST_F(KvxTaTest, LoadedBytesComeBackFromADumpToAFileAndAsHexWithTheirText) {
   SimProcess sim({"--quiet"});
   std::string data(64 * 1024, '\0');
   std::mt19937 random(42);
   for (char& c : data) c = static_cast<char>(random());
-  const std::string image = scratchFile("image.bin", data);
+  data.replace(0, 20,
+               "Hello, target!\n\x01\xff"
+               "abc");
   const std::string back = scratch("back.bin");
 
-  // An unaligned start: a short head access, aligned accesses, then a tail.
-  const ProgramResult load = kvxTa(at(sim, {"load", image, "0x10003", "--verify"}));
+  // An unaligned start: a short head access, aligned accesses, then a tail. No progress bar
+  // when stderr is no terminal: the summaries only.
+  const ProgramResult load = kvxTa(at(sim, {"load", scratchFile("image.bin", data), "0x10003", "--verify"}));
   ASSERT_EQ(load.exitCode, 0) << load;
-  const std::vector<std::string> loadLines = lines(load.err);
-  ASSERT_EQ(loadLines.size(), 2u) << "no progress bar when stderr is no terminal\n" << load;
-  EXPECT_TRUE(std::regex_match(loadLines[0], kSummaryLine)) << load;
-  EXPECT_EQ(loadLines[0].rfind("65536 bytes in ", 0), 0u) << load;
-  EXPECT_EQ(loadLines[1].rfind("verified 65536 bytes in ", 0), 0u) << load;
-
+  EXPECT_TRUE(std::regex_match(load.err, std::regex("65536" + kSummary + "verified 65536" + kSummary)))
+      << load;
   const ProgramResult dump = kvxTa(at(sim, {"dump", "0x10003", "65536", "--out", back}));
   ASSERT_EQ(dump.exitCode, 0) << dump;
   EXPECT_EQ(dump.out, "");
-  EXPECT_TRUE(std::regex_match(dump.err, std::regex("65536 bytes in .*\n"))) << dump;
+  EXPECT_TRUE(std::regex_match(dump.err, std::regex("65536" + kSummary))) << dump;
   EXPECT_TRUE(contentOf(back) == data) << "the dumped file differs from the loaded one";
-}
 
-TEST_F(KvxTaTest, HexDumpShowsSixteenBytesALineWithTheirText) {
-  SimProcess sim({"--quiet"});
-  ASSERT_EQ(kvxTa(at(sim, {"load",
-                           scratchFile("text",
-                                       "Hello, target!\n\x01\xff"
-                                       "abc"),
-                           "0x2000"}))
-                .exitCode,
-            0);
-  const ProgramResult dump = kvxTa(at(sim, {"dump", "0x2000", "20"}));
-  ASSERT_EQ(dump.exitCode, 0) << dump;
-  EXPECT_EQ(dump.out,
-            "00002000:  48 65 6c 6c 6f 2c 20 74  61 72 67 65 74 21 0a 01  |Hello, target!..|\n"
-            "00002010:  ff 61 62 63                                       |.abc|\n");
-
-  // Above 4 GiB the address column widens to 64 bits.
-  const ProgramResult high = kvxTa(at(sim, {"dump", "0xfffffffc", "8"}));
-  EXPECT_EQ(high.out, "00000000fffffffc:  00 00 00 00 00 00 00 00                           |........|\n")
-      << high;
+  // Sixteen bytes a line; above 4 GiB the address column widens to 64 bits.
+  EXPECT_EQ(kvxTa(at(sim, {"dump", "0x10003", "20"})).out,
+            "00010003:  48 65 6c 6c 6f 2c 20 74  61 72 67 65 74 21 0a 01  |Hello, target!..|\n"
+            "00010013:  ff 61 62 63                                       |.abc|\n");
+  EXPECT_EQ(kvxTa(at(sim, {"dump", "0xfffffffc", "8"})).out,
+            "00000000fffffffc:  00 00 00 00 00 00 00 00                           |........|\n");
 }
 
 TEST_F(KvxTaTest, ProgressBarAppearsOnATerminalAndGivesWayToTheSummary) {
-  ProgramRun run;
-  run.arguments = {"dump", "0", "524288", "--out", scratch("dump.bin")};
-  run.stderrOnTerminal = true;
-  const ProgramResult result = runProgram(KVX_TA_PATH, run);
+  ChildProcess::Options options;
+  options.stderrTo = ChildProcess::Stderr::kTerminal;
+  const ProgramResult result =
+      runProgram({KVX_TA_PATH, "dump", "0", "524288", "--out", scratch("dump.bin")}, options);
   ASSERT_EQ(result.exitCode, 0) << result;
   EXPECT_NE(result.err.find("\rdump ["), std::string::npos) << result;
   // The bar is erased, and the summary starts a line of its own.
@@ -274,8 +234,8 @@ TEST_F(KvxTaTest, ScriptRunsEveryLineInOneSession) {
 }
 
 TEST_F(KvxTaTest, ScriptStopsAtTheFirstFailingLineWithItsNumber) {
-  const std::string badSize = scratchFile("bad-size", "read 0\n# fine so far\nread 0 9\nread 0\n");
-  const ProgramResult usage = kvxTa({"script", badSize});
+  const ProgramResult usage =
+      kvxTa({"script", scratchFile("bad-size", "read 0\n# fine so far\nread 0 9\nread 0\n")});
   EXPECT_EQ(usage.exitCode, kUsageError) << usage;
   EXPECT_EQ(usage.out, "0x00000000\n") << "nothing after the failing line runs\n" << usage;
   EXPECT_NE(usage.err.find("kvx-ta: script:3: invalid size '9' (1 to 8)"), std::string::npos) << usage;
@@ -297,41 +257,40 @@ TEST_F(KvxTaTest, ScriptStopsAtTheFirstFailingLineWithItsNumber) {
 // ---- Errors ----
 
 TEST_F(KvxTaTest, UsageErrorsExitWithTwoNameTheArgumentAndStartNothing) {
-  struct Case {
-    std::vector<std::string> arguments;
+  const struct {
+    std::string command;
     std::string message;
+  } cases[] = {
+      {"", "no command given"},
+      {"frobnicate", "unknown command 'frobnicate'"},
+      {"read", "read: missing ADDR"},
+      {"write 0x10", "write: missing VALUE"},
+      {"read 1 2 3", "read: too many arguments"},
+      {"read 0x10 9", "invalid size '9' (1 to 8)"},
+      {"read 0x10 0", "invalid size '0' (1 to 8)"},
+      {"read 12z", "invalid address '12z'"},
+      {"read -1", "invalid address '-1'"},
+      {"read 0x", "invalid address '0x'"},
+      {"read 0x1ffffffffffffffff", "invalid address '0x1ffffffffffffffff' (more than 64 bits)"},
+      {"write 0 0x100 1", "invalid value '0x100' (does not fit in 1 byte)"},
+      {"write 0 1 0x", "invalid size '0x'"},
+      {"reserve 0", "invalid size '0'"},
+      {"dump 0xfffffffffffffff0 17", "run past the end of the 64-bit address space"},
+      {"dump 0 16 --bogus", "unrecognised option '--bogus'"},
+      {"load file", "load: missing ADDR"},
+      {"--server localhost read 0", "invalid server 'localhost'"},
+      {"--server ::1:5000 read 0", "invalid server '::1:5000'"},
+      {"--server 127.0.0.1:0 read 0", "invalid server '127.0.0.1:0'"},
+      {"--frobnicate read 0", "unrecognised option '--frobnicate'"},
   };
-  const Case cases[] = {
-      {{}, "no command given"},
-      {{"frobnicate"}, "unknown command 'frobnicate'"},
-      {{"read"}, "read: missing ADDR"},
-      {{"write", "0x10"}, "write: missing VALUE"},
-      {{"read", "1", "2", "3"}, "read: too many arguments"},
-      {{"read", "0x10", "9"}, "invalid size '9' (1 to 8)"},
-      {{"read", "0x10", "0"}, "invalid size '0' (1 to 8)"},
-      {{"read", "12z"}, "invalid address '12z'"},
-      {{"read", "-1"}, "invalid address '-1'"},
-      {{"read", "0x"}, "invalid address '0x'"},
-      {{"read", "0x1ffffffffffffffff"}, "invalid address '0x1ffffffffffffffff' (more than 64 bits)"},
-      {{"write", "0", "0x100", "1"}, "invalid value '0x100' (does not fit in 1 byte)"},
-      {{"write", "0", "1", "0x"}, "invalid size '0x'"},
-      {{"reserve", "0"}, "invalid size '0'"},
-      {{"dump", "0xfffffffffffffff0", "17"}, "run past the end of the 64-bit address space"},
-      {{"dump", "0", "16", "--bogus"}, "unrecognised option '--bogus'"},
-      {{"load", "file"}, "load: missing ADDR"},
-      {{"--server", "localhost", "read", "0"}, "invalid server 'localhost'"},
-      {{"--server", "::1:5000", "read", "0"}, "invalid server '::1:5000'"},
-      {{"--server", "127.0.0.1:0", "read", "0"}, "invalid server '127.0.0.1:0'"},
-      {{"--frobnicate", "read", "0"}, "unrecognised option '--frobnicate'"},
-  };
-  for (const Case& c : cases) {
-    const ProgramResult result = kvxTa(c.arguments);
-    const std::string command = ::testing::PrintToString(c.arguments);
-    EXPECT_EQ(result.exitCode, kUsageError) << command << "\n" << result;
-    EXPECT_EQ(result.err.rfind("kvx-ta: ", 0), 0u) << command << "\n" << result;
-    EXPECT_NE(result.err.find(c.message), std::string::npos) << command << "\n" << result;
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << command << "\n" << result;
-    EXPECT_EQ(result.out, "") << command;
+  for (const auto& c : cases) {
+    const ProgramResult result = kvxTa(words(c.command));
+    const std::string context = "case: '" + c.command + "'\n";
+    EXPECT_EQ(result.exitCode, kUsageError) << context << result;
+    EXPECT_EQ(result.err.rfind("kvx-ta: ", 0), 0u) << context << result;
+    EXPECT_NE(result.err.find(c.message), std::string::npos) << context << result;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << context << result;
+    EXPECT_EQ(result.out, "") << context;
   }
 }
 
@@ -355,76 +314,64 @@ TEST_F(KvxTaTest, HelpAndVersionNeedNoTarget) {
   EXPECT_TRUE(std::regex_match(version.out, std::regex("kvx-ta \\d+\\.\\d+\\.\\d+\n"))) << version;
 }
 
-TEST_F(KvxTaTest, RefusedAccessExitsWithOneAndThePluginsMessage) {
-  SimProcess sim({"--quiet", "--deny", "0x100:0x10"});
-  struct Case {
-    std::vector<std::string> arguments;
-    std::string message;
+TEST_F(KvxTaTest, FailuresOnTheTargetOrItsConnectionExitWithOneAndTheirMessage) {
+  // What becomes of the agent besides its options: nothing, stopped before the run (so nothing
+  // listens on its port), or killed while the run is under way.
+  enum class Then { kNothing, kStopFirst, kKillDuringRun };
+  const std::string logger = " with memory space logger";
+  const std::string plugin = R"( \(TaProcessKVX\.cpp:\d+\)\n)";
+  const std::string gone = R"(: the agent at 127\.0\.0\.1:\d+ no longer answers)" + plugin;
+  const std::string noSession =
+      R"(cannot open a session with the agent at 127\.0\.0\.1:\d+ \(nothing answers )"
+      R"(there, or the agent refused the session\)\n)";
+  const std::string zeros = scratchFile("zeros", std::string(4096, '\0'));
+  const struct {
+    const char* name;
+    std::string agent;    ///< the simulator's options, separated by spaces
+    std::string command;  ///< kvx-ta's arguments after --server, separated by spaces
+    std::string stderrPattern;
+    Then then = Then::kNothing;
+  } cases[] = {
+      // Refusals: the session stays up, so the plug-in's message stands alone.
+      {"denied read", "--deny 0x100:0x10", "read 0x108", "Cannot read address 108" + logger + plugin},
+      {"denied write", "--deny 0x100:0x10", "write 0xfe 0xffff", "Cannot write address fe" + logger + plugin},
+      {"dump into a denied range", "--deny 0x100:0x10", "dump 0xf8 32",
+       "Cannot read address 100" + logger + plugin},
+      {"unknown register read", "", "reg r64", "Cannot read register r64" + plugin},
+      {"unknown register write", "", "reg nosuch 1", "Cannot write register nosuch" + plugin},
+      // No session at all.
+      {"agent refusing sessions", "--refuse-sessions", "reserve 16", noSession},
+      {"nobody listening", "", "read 0", noSession, Then::kStopFirst},
+      // The session lost midway.
+      {"agent dropping the connection", "--drop-after 20", "dump 0 4096",
+       "Cannot read address \\w+" + logger + gone},
+      {"agent falling silent", "--hang-after 20", "load " + zeros + " 0",
+       "Cannot write address \\w+" + logger + gone},
+      {"agent killed during a long dump", "", "dump 0 0x10000000 --out " + scratch("killed.bin"),
+       "Cannot read address \\w+" + logger + gone, Then::kKillDuringRun},
   };
-  const Case cases[] = {
-      {{"read", "0x108"}, "kvx-ta: Cannot read address 108 with memory space logger"},
-      {{"write", "0xfe", "0xffff"}, "kvx-ta: Cannot write address fe with memory space logger"},
-      {{"dump", "0xf8", "32"}, "kvx-ta: Cannot read address 100 with memory space logger"},
-      {{"reg", "r64"}, "kvx-ta: Cannot read register r64"},
-      {{"reg", "nosuch", "1"}, "kvx-ta: Cannot write register nosuch"},
-  };
-  for (const Case& c : cases) {
-    const ProgramResult result = kvxTa(at(sim, c.arguments));
-    const std::string command = ::testing::PrintToString(c.arguments);
-    EXPECT_EQ(result.exitCode, kFailure) << command << "\n" << result;
-    EXPECT_EQ(result.err.rfind(c.message, 0), 0u) << command << "\n" << result;
-    EXPECT_EQ(result.err.find("no longer answers"), std::string::npos) << command << ": the session stays up";
+  for (const auto& c : cases) {
+    SimProcess sim(words("--quiet " + c.agent));
+    if (c.then == Then::kStopFirst) sim.stop();
+    auto running = std::async(std::launch::async, [arguments = at(sim, words(c.command))] {
+      return kvxTa(arguments, "", {"TA_AGENT_TIMEOUT_MS=300"});
+    });
+    if (c.then == Then::kKillDuringRun) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      sim.kill();
+    }
+    const ProgramResult result = running.get();
+    EXPECT_EQ(result.exitCode, kFailure) << "case: " << c.name << "\n" << result;
+    EXPECT_TRUE(std::regex_match(result.err, std::regex("kvx-ta: " + c.stderrPattern)))
+        << "case: " << c.name << "\n"
+        << result;
   }
-}
-
-TEST_F(KvxTaTest, UnreachableOrRefusingAgentExitsWithOne) {
-  const std::string nobody = "127.0.0.1:" + std::to_string(unusedPort());
-  const ProgramResult unreachable = kvxTa({"--server", nobody, "read", "0"});
-  EXPECT_EQ(unreachable.exitCode, kFailure) << unreachable;
-  EXPECT_EQ(unreachable.err.rfind("kvx-ta: cannot open a session with the agent at " + nobody, 0), 0u)
-      << unreachable;
-
-  SimProcess refusing({"--quiet", "--refuse-sessions"});
-  const ProgramResult refused = kvxTa(at(refusing, {"reserve", "16"}));
-  EXPECT_EQ(refused.exitCode, kFailure) << refused;
-  EXPECT_NE(refused.err.find("cannot open a session"), std::string::npos) << refused;
-}
-
-TEST_F(KvxTaTest, LostOrSilentAgentFailsWithOneWithinTheReplyTimeout) {
-  const std::vector<std::string> shortTimeout{"TA_AGENT_TIMEOUT_MS=300"};
-  SimProcess dropping({"--quiet", "--drop-after", "20"});
-  const ProgramResult dropped = kvxTa(at(dropping, {"dump", "0", "4096"}), "", shortTimeout);
-  EXPECT_EQ(dropped.exitCode, kFailure) << dropped;
-  EXPECT_NE(dropped.err.find("no longer answers"), std::string::npos) << dropped;
-
-  SimProcess hanging({"--quiet", "--hang-after", "20"});
-  const ProgramResult hung =
-      kvxTa(at(hanging, {"load", scratchFile("zeros", std::string(4096, '\0')), "0"}), "", shortTimeout);
-  EXPECT_EQ(hung.exitCode, kFailure) << hung;
-  EXPECT_NE(hung.err.find("Cannot write address"), std::string::npos) << hung;
-  EXPECT_NE(hung.err.find("no longer answers"), std::string::npos) << hung;
-  EXPECT_LT(hung.elapsed, milliseconds(5000)) << hung;
-
-  // Killed while a long dump runs.
-  SimProcess killed({"--quiet"});
-  auto running = std::async(std::launch::async, [&] {
-    return kvxTa(at(killed, {"dump", "0", "0x10000000", "--out", scratch("killed.bin")}), "", shortTimeout);
-  });
-  std::this_thread::sleep_for(milliseconds(300));
-  killed.kill();
-  const ProgramResult lost = running.get();
-  EXPECT_EQ(lost.exitCode, kFailure) << lost;
-  EXPECT_NE(lost.err.find("no longer answers"), std::string::npos) << lost;
-  EXPECT_FALSE(lost.timedOut) << lost;
 }
 
 // ---- Demo and logging ----
 
 TEST_F(KvxTaTest, DemoWalksThroughEveryStepAndExitsZero) {
-  ProgramRun run;
-  run.arguments = {"demo"};
-  run.deadline = milliseconds(10000);
-  const ProgramResult demo = runProgram(KVX_TA_PATH, run);
+  const ProgramResult demo = kvxTa({"demo"});
   ASSERT_EQ(demo.exitCode, 0) << demo;
   for (const char* shown :
        {"-> 1 TA_METHOD_SERVED", "-> 128 TA_METHOD_NOT_SERVED", "-> 256 TA_METHOD_MISSING", "-> 0xcafef00d",

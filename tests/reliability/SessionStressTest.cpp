@@ -8,7 +8,6 @@
 // builds simply do fewer iterations. TA_KVX_STRESS_SEED fixes the random seed, which every test
 // prints, to replay a run.
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -28,8 +27,9 @@
 
 #include "agent/TaProcessKVX.h"
 #include "manager/TaProcessManager.h"
-#include "tests/reliability/HostWatch.h"
+#include "tests/support/HostSetup.h"
 #include "tests/support/SimProcess.h"
+#include "vorn/Exception.h"
 
 namespace vorn {
 namespace {
@@ -41,63 +41,31 @@ using test::at;
 constexpr int kAgents = 4;
 constexpr int kThreads = 8;
 /// Bytes of target memory each thread owns. Ranges lie back to back from kRangeBase, which sits
-/// half a simulator page below a page boundary, so some accesses straddle two pages.
+/// 512 bytes below a simulator page boundary, so some accesses straddle two pages.
 constexpr uint64_t kRangeSize = 1024;
 constexpr uint64_t kRangeBase = 0x100000 - 512;
-/// Each agent holds a recognisable pattern here, for processes that come and go to check.
-constexpr uint64_t kSentinelBase = 0x8000;
-constexpr uint64_t kSentinelWords = 8;
-constexpr uint64_t kMaxAccess = 8;
-constexpr double kDefaultSeconds = 2.0;
-/// How many disagreements a test lists before it stops collecting them.
-constexpr size_t kMaxReported = 10;
+/// Each agent holds a word of its own here, for the processes that come and go to check.
+constexpr uint64_t kSentinel = 0x8000;
 
 int agentOf(int thread) { return thread % kAgents; }
 uint64_t rangeStart(int thread) { return kRangeBase + static_cast<uint64_t>(thread) * kRangeSize; }
 std::string registerOf(int thread) { return "r" + std::to_string(thread); }
-uint64_t sentinelWord(int agent, uint64_t word) {
-  return 0x5E000000A6E00000ull | uint64_t(agent) << 8 | word;
-}
+uint64_t sentinelOf(int agent) { return 0x5E000000A6E00000ull | static_cast<uint64_t>(agent); }
 
-double stressSeconds() {
-  const char* text = std::getenv("TA_KVX_STRESS_SECONDS");
-  if (text == nullptr || *text == '\0') return kDefaultSeconds;
-  const double seconds = std::strtod(text, nullptr);
-  return seconds > 0 ? seconds : kDefaultSeconds;
-}
-
-uint64_t stressSeed() {
-  const char* text = std::getenv("TA_KVX_STRESS_SEED");
-  if (text != nullptr && *text != '\0') return std::strtoull(text, nullptr, 0);
-  return std::random_device{}();
-}
-
-/// What went wrong across all threads: how often, and the first kMaxReported descriptions.
-/// Threads stop as soon as anything has gone wrong.
-class Findings {
- public:
+/// What went wrong across threads: how often, and the first ten descriptions. Threads stop as
+/// soon as anything has gone wrong.
+struct Findings {
   void add(const std::string& what) {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    m_count.fetch_add(1);
-    if (m_texts.size() < kMaxReported) m_texts.push_back(what);
+    std::lock_guard<std::mutex> guard(mutex);
+    if (++count <= 10) texts.push_back(what);
+    any = true;
   }
-  size_t count() const { return m_count.load(); }
-  std::string text() const {
-    std::lock_guard<std::mutex> guard(m_mutex);
-    std::string all;
-    for (const std::string& line : m_texts) all += "  " + line + "\n";
-    return all;
-  }
-
- private:
-  std::atomic<size_t> m_count{0};
-  mutable std::mutex m_mutex;
-  std::vector<std::string> m_texts;  // guarded by m_mutex
+  std::atomic<bool> any{false};
+  std::mutex mutex;
+  // Guarded by mutex; read without it once the threads are joined.
+  size_t count = 0;
+  std::vector<std::string> texts;
 };
-
-std::string describe(const Exception& e) {
-  return e.getFile() + ":" + std::to_string(e.getLine()) + ": " + e.getMessage();
-}
 
 /// One host thread's share of the target: its range and register on its agent, the values it
 /// last wrote there, and what it did.
@@ -106,9 +74,8 @@ struct Worker {
   boost::shared_ptr<TaProcess> process;
   std::vector<uint8_t> shadow = std::vector<uint8_t>(kRangeSize, 0);
   uint64_t registerValue = 0;
-
   uint64_t accesses = 0;
-  /// Set when the thread stopped at a vorn::Exception; the exception's text.
+  /// "file:line: message" of the vorn::Exception that stopped the thread, if one did.
   std::string exception;
 };
 
@@ -119,59 +86,58 @@ void stress(Worker& worker, uint64_t seed, Clock::time_point deadline, Findings&
   std::mt19937_64 random(seed);
   TaProcess& process = *worker.process;
   const std::string reg = registerOf(worker.thread);
-  const int agent = agentOf(worker.thread);
-  const auto fail = [&](uint64_t address, uint64_t size, const char* what) {
+  const auto fail = [&](uint64_t address, uint64_t size, const std::string& what) {
     std::ostringstream text;
-    text << "thread " << worker.thread << " agent " << agent << ": " << what << " at 0x" << std::hex
-         << address << std::dec << " size " << size << " after " << worker.accesses << " accesses";
+    text << "thread " << worker.thread << ": " << what << " at 0x" << std::hex << address << std::dec
+         << " size " << size << " after " << worker.accesses << " accesses";
     findings.add(text.str());
   };
-
   try {
-    while (findings.count() == 0 && Clock::now() < deadline) {
-      const uint64_t size = 1 + random() % kMaxAccess;
+    while (!findings.any && Clock::now() < deadline) {
+      const uint64_t size = 1 + random() % 8;
       const uint64_t offset = random() % (kRangeSize - size + 1);
       const uint64_t address = rangeStart(worker.thread) + offset;
-      // The same byte count as count * unitSize in the ways a host writes it.
-      const bool asUnits = size % 2 == 0 && random() % 2 == 0;
-      const size_t count = asUnits ? size / 2 : size;
-      const unsigned int unitSize = asUnits ? 2 : 1;
+      // The same byte count as count * unitSize in both shapes a host uses.
+      const unsigned int unitSize = size % 2 == 0 && random() % 2 == 0 ? 2 : 1;
+      const size_t count = size / unitSize;
       const uint64_t choice = random() % 16;
-      ++worker.accesses;
-
-      if (choice < 8) {
-        uint8_t data[kMaxAccess];
-        for (uint64_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(random());
-        process.write_mem(at(address), count, unitSize, data);
-        std::memcpy(&worker.shadow[offset], data, size);
-        uint8_t back[kMaxAccess + 1];
+      if (choice < 14) {
+        // A write of random bytes, read back at once; or a read anywhere in the range.
+        const bool write = choice < 8;
+        if (write) {
+          for (uint64_t i = 0; i < size; ++i) worker.shadow[offset + i] = static_cast<uint8_t>(random());
+          process.write_mem(at(address), count, unitSize, &worker.shadow[offset]);
+        }
+        uint8_t back[9];
         std::memset(back, 0xA5, sizeof back);
         process.read_mem(at(address), count, unitSize, back);
-        ++worker.accesses;
-        if (std::memcmp(back, data, size) != 0) return fail(address, size, "read back another value");
-        if (back[size] != 0xA5) return fail(address, size, "read stored past its byte count");
-      } else if (choice < 14) {
-        uint8_t back[kMaxAccess];
-        process.read_mem(at(address), count, unitSize, back);
+        worker.accesses += write ? 2 : 1;
         if (std::memcmp(back, &worker.shadow[offset], size) != 0) {
-          return fail(address, size, "read a value this thread never left there");
+          return fail(address, size,
+                      write ? "read back another value" : "read a value this thread never left there");
         }
+        if (back[size] != 0xA5) return fail(address, size, "read stored past its byte count");
       } else if (choice == 14) {
-        const uint64_t value = random();
-        process.write_register(reg, 1, sizeof value, &value);
-        worker.registerValue = value;
+        worker.registerValue = random();
+        process.write_register(reg, 1, 8, &worker.registerValue);
+        ++worker.accesses;
       } else {
         uint64_t value = 0;
-        process.read_register(reg, 1, sizeof value, &value);
-        if (value != worker.registerValue) return fail(0, 8, ("register " + reg + " changed").c_str());
+        process.read_register(reg, 1, 8, &value);
+        ++worker.accesses;
+        if (value != worker.registerValue) return fail(0, 8, "register " + reg + " changed");
       }
     }
   } catch (const Exception& e) {
-    worker.exception = describe(e);
+    worker.exception = e.getFile() + ":" + std::to_string(e.getLine()) + ": " + e.getMessage();
     findings.add("thread " + std::to_string(worker.thread) + ": " + worker.exception);
   } catch (const std::exception& e) {
     findings.add("thread " + std::to_string(worker.thread) + ": not a vorn::Exception: " + e.what());
   }
+}
+
+void joinAll(std::vector<std::thread>& threads) {
+  for (std::thread& thread : threads) thread.join();
 }
 
 class SessionStressTest : public ::testing::Test {
@@ -179,85 +145,64 @@ class SessionStressTest : public ::testing::Test {
   void SetUp() override {
     // Whatever an earlier test in this program left open is switched away from.
     TaProcessKVX::m_sharedConnection = KVXConnection();
-    for (int a = 0; a < kAgents; ++a) {
-      m_agents.push_back(std::make_unique<SimProcess>(std::vector<std::string>{"--quiet"}));
-    }
-    m_seed = stressSeed();
-    m_seconds = stressSeconds();
-    std::cout << "seed " << m_seed << " (TA_KVX_STRESS_SEED), " << m_seconds
+    for (auto& agent : m_agents) agent = std::make_unique<SimProcess>(std::vector<std::string>{"--quiet"});
+    const char* seed = std::getenv("TA_KVX_STRESS_SEED");
+    const char* seconds = std::getenv("TA_KVX_STRESS_SECONDS");
+    m_seed = seed != nullptr && *seed != '\0' ? std::strtoull(seed, nullptr, 0) : std::random_device{}();
+    const double parsed = seconds != nullptr ? std::strtod(seconds, nullptr) : 0;
+    const std::chrono::duration<double> run(parsed > 0 ? parsed : 2.0);
+    std::cout << "seed " << m_seed << " (TA_KVX_STRESS_SEED), " << run.count()
               << " s (TA_KVX_STRESS_SECONDS)\n";
+    m_start = Clock::now();
+    m_deadline = m_start + std::chrono::duration_cast<Clock::duration>(run);
   }
 
-  boost::shared_ptr<ConfigBlock> configFor(int agent) const {
-    return test::servedConfig(m_agents[agent]->address(), m_agents[agent]->port());
-  }
+  boost::shared_ptr<TaProcess> processFor(int agent) const { return test::processFor(*m_agents[agent]); }
 
-  boost::shared_ptr<TaProcess> processFor(int agent) const {
-    return TaProcessManager::getInstance().getTaProcess("core" + std::to_string(agent), configFor(agent));
-  }
-
-  /// One worker per thread; the threads of one agent share one process.
-  std::vector<Worker> makeWorkers() const {
+  /// `count` workers; the threads of one agent share one process.
+  std::vector<Worker> makeWorkers(int count) const {
     std::vector<boost::shared_ptr<TaProcess>> processes;
     for (int a = 0; a < kAgents; ++a) processes.push_back(processFor(a));
-    std::vector<Worker> workers(kThreads);
-    for (int t = 0; t < kThreads; ++t) {
+    std::vector<Worker> workers(count);
+    for (int t = 0; t < count; ++t) {
       workers[t].thread = t;
       workers[t].process = processes[agentOf(t)];
     }
     return workers;
   }
 
-  /// Writes every agent's sentinel pattern, through one process per agent.
-  void writeSentinels() const {
-    for (int a = 0; a < kAgents; ++a) {
-      auto process = processFor(a);
-      for (uint64_t w = 0; w < kSentinelWords; ++w) {
-        const uint64_t value = sentinelWord(a, w);
-        process->write_mem(at(kSentinelBase + 8 * w), 1, 8, &value);
-      }
+  /// Starts stress() on a thread per worker.
+  std::vector<std::thread> start(std::vector<Worker>& workers, Findings& findings) const {
+    std::vector<std::thread> threads;
+    for (Worker& worker : workers) {
+      threads.emplace_back(
+          [&worker, &findings, this] { stress(worker, m_seed + worker.thread, m_deadline, findings); });
     }
+    return threads;
   }
 
   /// Reads back, through a fresh process and a fresh session per agent, every byte of every
-  /// thread's range and every thread's register on each agent in `agents`: a thread's own agent
-  /// must hold exactly what it wrote last, every other agent zero. Returns the bytes compared.
-  uint64_t expectAgentsHoldExactlyTheirWrites(const std::vector<Worker>& workers,
-                                              const std::vector<int>& agents) {
-    // Visit the agents starting after the one whose session is open, so that every visit opens a
-    // new session rather than reusing the one the workers left.
-    std::vector<int> order = agents;
-    for (size_t i = 0; i < order.size(); ++i) {
-      if (KVXConnection(m_agents[order[i]]->address(), m_agents[order[i]]->port()) ==
-          TaProcessKVX::m_sharedConnection) {
-        std::rotate(order.begin(), order.begin() + static_cast<long>(i) + 1, order.end());
-        break;
-      }
-    }
+  /// worker's range and every worker's register on each agent in `agents`: a worker's own agent
+  /// must hold exactly what it wrote last, every other agent zero. Counts the ranges and
+  /// registers that are wrong.
+  void expectAgentsHoldExactlyTheirWrites(const std::vector<Worker>& workers,
+                                          const std::vector<int>& agents) const {
+    // Forgets the session the workers left, so that every visit below opens a new one.
+    TaProcessKVX::m_sharedConnection = KVXConnection();
     Findings wrong;
-    uint64_t compared = 0;
-    for (int a : order) {
+    const std::vector<uint8_t> zeros(kRangeSize, 0);
+    for (int a : agents) {
       auto process = processFor(a);
       for (const Worker& worker : workers) {
         const bool own = agentOf(worker.thread) == a;
-        uint64_t wrongBytes = 0;
-        uint64_t firstWrong = 0;
+        std::vector<uint8_t> held(kRangeSize);
         for (uint64_t offset = 0; offset < kRangeSize; offset += 8) {
-          uint8_t held[8];
-          process->read_mem(at(rangeStart(worker.thread) + offset), 1, 8, held);
-          compared += 8;
-          for (uint64_t i = 0; i < 8; ++i) {
-            if (held[i] != (own ? worker.shadow[offset + i] : 0) && wrongBytes++ == 0) {
-              firstWrong = rangeStart(worker.thread) + offset + i;
-            }
-          }
+          process->read_mem(at(rangeStart(worker.thread) + offset), 1, 8, &held[offset]);
         }
-        if (wrongBytes != 0) {
-          std::ostringstream text;
-          text << "agent " << a << " holds " << wrongBytes << " wrong bytes in thread " << worker.thread
-               << "'s range (" << (own ? "its own agent" : "another agent's thread") << "), the first at 0x"
-               << std::hex << firstWrong;
-          wrong.add(text.str());
+        if (held != (own ? worker.shadow : zeros)) {
+          wrong.add("agent " + std::to_string(a) + " holds wrong bytes in thread " +
+                    std::to_string(worker.thread) + "'s range" +
+                    (own ? "" : ", which belongs to another agent"));
         }
         uint64_t value = ~0ull;
         process->read_register(registerOf(worker.thread), 1, 8, &value);
@@ -266,89 +211,67 @@ class SessionStressTest : public ::testing::Test {
         }
       }
     }
-    std::cout << "read back " << compared << " bytes and " << workers.size() * order.size()
-              << " registers on " << order.size() << " agents through fresh sessions: " << wrong.count()
-              << " wrong" << std::endl;
-    EXPECT_EQ(wrong.count(), 0u) << wrong.text();
-    return compared;
+    std::cout << "read back " << kRangeSize * workers.size() * agents.size() << " bytes and "
+              << workers.size() * agents.size() << " registers on " << agents.size()
+              << " agents through fresh sessions: " << wrong.count << " wrong" << std::endl;
+    EXPECT_EQ(wrong.count, 0u) << ::testing::PrintToString(wrong.texts);
   }
 
-  static void report(const char* test, const std::vector<Worker>& workers, double seconds,
-                     uint64_t extra = 0) {
-    uint64_t accesses = extra;
-    for (const Worker& worker : workers) accesses += worker.accesses;
-    std::cout << test << ": " << workers.size() << " accessing threads, " << kAgents << " agents, "
-              << accesses << " accesses in " << seconds << " s" << std::endl;
-    ::testing::Test::RecordProperty("accesses", std::to_string(accesses));
+  /// Prints how many accesses the workers, and `others`, made.
+  static void report(const char* test, const std::vector<Worker>& workers, uint64_t others = 0) {
+    for (const Worker& worker : workers) others += worker.accesses;
+    std::cout << test << ": " << others << " accesses from " << workers.size() << " accessing threads"
+              << std::endl;
   }
 
-  std::vector<std::unique_ptr<SimProcess>> m_agents;
+  std::unique_ptr<SimProcess> m_agents[kAgents];
   uint64_t m_seed = 0;
-  double m_seconds = kDefaultSeconds;
+  Clock::time_point m_start;
+  Clock::time_point m_deadline;
 };
 
 TEST_F(SessionStressTest, ThreadsOnFourAgentsReadBackExactlyWhatTheyWrote) {
-  std::vector<Worker> workers = makeWorkers();
+  std::vector<Worker> workers = makeWorkers(kThreads);
   Findings findings;
-  const Clock::time_point start = Clock::now();
-  const Clock::time_point deadline =
-      start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_seconds));
-  std::vector<std::thread> threads;
-  for (Worker& worker : workers) {
-    threads.emplace_back([&, seed = m_seed + static_cast<uint64_t>(worker.thread)] {
-      stress(worker, seed, deadline, findings);
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  report("stress", workers, std::chrono::duration<double>(Clock::now() - start).count());
+  std::vector<std::thread> threads = start(workers, findings);
+  joinAll(threads);
+  report("stress", workers);
 
-  ASSERT_EQ(findings.count(), 0u) << findings.text();
+  ASSERT_FALSE(findings.any) << ::testing::PrintToString(findings.texts);
   for (const Worker& worker : workers) EXPECT_GT(worker.accesses, 0u) << "thread " << worker.thread;
   expectAgentsHoldExactlyTheirWrites(workers, {0, 1, 2, 3});
 }
 
 TEST_F(SessionStressTest, ProcessesComeAndGoOnOtherThreadsWhileOthersAccess) {
-  writeSentinels();
+  for (int a = 0; a < kAgents; ++a) {
+    const uint64_t sentinel = sentinelOf(a);
+    processFor(a)->write_mem(at(kSentinel), 1, 8, &sentinel);
+  }
   // Half the threads access as above, the other half create processes through the manager, check
   // the agent's sentinel through them and hand them on, so that a process is often destroyed on
   // another thread than the one that made it.
-  std::vector<Worker> workers = makeWorkers();
-  workers.resize(kThreads / 2);
+  std::vector<Worker> workers = makeWorkers(kThreads / 2);
   Findings findings;
   std::atomic<uint64_t> created{0};
   std::mutex handOffMutex;
   std::vector<boost::shared_ptr<TaProcess>> handOff(kAgents);  // guarded by handOffMutex
-
-  const Clock::time_point start = Clock::now();
-  const Clock::time_point deadline =
-      start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_seconds));
-  std::vector<std::thread> threads;
-  for (Worker& worker : workers) {
-    threads.emplace_back([&, seed = m_seed + static_cast<uint64_t>(worker.thread)] {
-      stress(worker, seed, deadline, findings);
-    });
-  }
+  std::vector<std::thread> threads = start(workers, findings);
   for (int c = 0; c < kThreads / 2; ++c) {
-    threads.emplace_back([&, c, seed = m_seed + kThreads + static_cast<uint64_t>(c)] {
-      std::mt19937_64 random(seed);
+    threads.emplace_back([&, c] {
+      std::mt19937_64 random(m_seed + kThreads + static_cast<uint64_t>(c));
       TaProcessManager& manager = TaProcessManager::getInstance();
       try {
-        while (findings.count() == 0 && Clock::now() < deadline) {
+        while (!findings.any && Clock::now() < m_deadline) {
           const int agent = static_cast<int>(random() % kAgents);
-          const auto config = configFor(agent);
+          const auto config = test::servedConfig(m_agents[agent]->address(), m_agents[agent]->port());
           if (manager.registerClient(nullptr, config) != TA_METHOD_SERVED) {
             findings.add("admission refused a served block");
             return;
           }
           boost::shared_ptr<TaProcess> process = manager.getTaProcess("churn" + std::to_string(c), config);
           ++created;
-          const uint64_t word = random() % kSentinelWords;
-          uint64_t value = 0;
-          process->read_mem(at(kSentinelBase + 8 * word), 1, 8, &value);
-          if (value != sentinelWord(agent, word)) {
-            std::ostringstream text;
-            text << "a new process for agent " << agent << " read 0x" << std::hex << value;
-            findings.add(text.str());
+          if (test::read64(*process, kSentinel) != sentinelOf(agent)) {
+            findings.add("a new process for agent " + std::to_string(agent) + " read another agent's memory");
             return;
           }
           {
@@ -360,16 +283,16 @@ TEST_F(SessionStressTest, ProcessesComeAndGoOnOtherThreadsWhileOthersAccess) {
           manager.unregisterClient("churn", config);
         }
       } catch (const Exception& e) {
-        findings.add("creating thread " + std::to_string(c) + ": " + describe(e));
+        findings.add("creating thread " + std::to_string(c) + ": " + e.getMessage());
       }
     });
   }
-  for (std::thread& thread : threads) thread.join();
+  joinAll(threads);
   handOff.clear();
-  report("come and go", workers, std::chrono::duration<double>(Clock::now() - start).count(), created.load());
+  report("come and go", workers, created.load());
   std::cout << "come and go: " << created.load() << " processes created and destroyed" << std::endl;
 
-  ASSERT_EQ(findings.count(), 0u) << findings.text();
+  ASSERT_FALSE(findings.any) << ::testing::PrintToString(findings.texts);
   EXPECT_GT(created.load(), 0u);
   EXPECT_EQ(ExtAddress::memorySpaceIds, std::vector<std::string>{"logger"});
   expectAgentsHoldExactlyTheirWrites(workers, {0, 1, 2, 3});
@@ -377,60 +300,44 @@ TEST_F(SessionStressTest, ProcessesComeAndGoOnOtherThreadsWhileOthersAccess) {
 
 TEST_F(SessionStressTest, AgentKilledMidRunFailsOnlyTheProcessesOnIt) {
   constexpr int kDead = kAgents - 1;
-  std::vector<Worker> workers = makeWorkers();
+  const std::regex pluginMessage(
+      R"(TaProcessKVX\.cpp:\d+: Cannot (read|write) (address [0-9a-f]+ with memory space logger|register r\d+))");
+  std::vector<Worker> workers = makeWorkers(kThreads);
   Findings findings;    // on the agents that stay up
-  Findings afterDeath;  // accesses through the dead agent's process that did not throw
-  std::atomic<uint64_t> progress{0};
-  const Clock::time_point start = Clock::now();
-  const Clock::time_point deadline =
-      start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(m_seconds));
-
+  Findings afterDeath;  // what the dead agent's threads saw that they must not have
   std::vector<std::thread> threads;
   for (Worker& worker : workers) {
-    threads.emplace_back([&, seed = m_seed + static_cast<uint64_t>(worker.thread)] {
-      if (agentOf(worker.thread) != kDead) {
-        stress(worker, seed, deadline, findings);
-        return;
-      }
-      Findings own;
+    threads.emplace_back([&worker, &findings, &afterDeath, &pluginMessage, this] {
+      if (agentOf(worker.thread) != kDead)
+        return stress(worker, m_seed + worker.thread, m_deadline, findings);
       // Runs until the agent dies under it; then every further access must fail as well, at
       // once: none may be served by another agent, and none may hang.
-      while (own.count() == 0 && Clock::now() < deadline) {
-        stress(worker, seed + worker.accesses,
-               std::min(deadline, Clock::now() + std::chrono::milliseconds(20)), own);
-        progress.fetch_add(1);
-      }
-      if (worker.exception.empty()) {
-        afterDeath.add("thread " + std::to_string(worker.thread) + " never saw its agent die: " + own.text());
+      Findings own;
+      stress(worker, m_seed + worker.thread, m_deadline, own);
+      if (!std::regex_match(worker.exception, pluginMessage)) {
+        afterDeath.add("thread " + std::to_string(worker.thread) +
+                       " did not stop at the plug-in's exception: " + ::testing::PrintToString(own.texts));
         return;
       }
-      static const std::regex message(
-          R"(TaProcessKVX\.cpp:\d+: Cannot (read|write) (address [0-9a-f]+ with memory space logger|register r\d+))");
-      if (!std::regex_match(worker.exception, message)) afterDeath.add("unexpected: " + worker.exception);
-      for (int i = 0; i < 50; ++i) {
+      for (int i = 0; i < 100; ++i) {
         uint64_t value = 0;
         try {
-          worker.process->read_mem(at(rangeStart(worker.thread)), 1, 8, &value);
-          afterDeath.add("a read through the dead agent's process succeeded");
-        } catch (const Exception&) {
-        }
-        try {
-          worker.process->write_mem(at(rangeStart(worker.thread)), 1, 8, &value);
-          afterDeath.add("a write through the dead agent's process succeeded");
+          i % 2 == 0 ? worker.process->read_mem(at(rangeStart(worker.thread)), 1, 8, &value)
+                     : worker.process->write_mem(at(rangeStart(worker.thread)), 1, 8, &value);
+          afterDeath.add("an access through the dead agent's process succeeded");
         } catch (const Exception&) {
         }
       }
     });
   }
-  // Kill once the dead agent's threads are well under way.
-  while (progress.load() < 10 && Clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  // Kills once every thread is well under way.
+  std::this_thread::sleep_until(m_start + (m_deadline - m_start) / 4);
   m_agents[kDead]->kill();
-  for (std::thread& thread : threads) thread.join();
-  report("agent killed", workers, std::chrono::duration<double>(Clock::now() - start).count());
+  joinAll(threads);
+  report("agent killed", workers);
 
-  EXPECT_EQ(findings.count(), 0u) << "the agents that stayed up:\n" << findings.text();
-  EXPECT_EQ(afterDeath.count(), 0u) << afterDeath.text();
+  EXPECT_FALSE(findings.any) << "the agents that stayed up: " << ::testing::PrintToString(findings.texts);
+  EXPECT_FALSE(afterDeath.any) << ::testing::PrintToString(afterDeath.texts);
   expectAgentsHoldExactlyTheirWrites(workers, {0, 1, 2});
 }
 

@@ -1,123 +1,77 @@
 #include "tests/support/SimProcess.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
+#include <thread>
 
-extern char** environ;
+#include "tests/support/ChildProcess.h"
 
 namespace kvx::test {
-
 namespace {
 
-constexpr const char* kReadyPrefix = "listening on ";
+const std::string kReadyPrefix = "listening on ";
 
-using Clock = std::chrono::steady_clock;
-
-std::runtime_error failure(const std::string& what) { return std::runtime_error("kvx-agent-sim: " + what); }
+[[noreturn]] void fail(const std::string& what) { throw std::runtime_error("kvx-agent-sim: " + what); }
 
 }  // namespace
 
-const char* SimProcess::executable() { return TA_KVX_SIM_PATH; }
+SimProcess::SimProcess(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), TA_KVX_SIM_PATH);
+  ChildProcess::Options options;
+  options.stderrTo = ChildProcess::Stderr::kInherited;
+  options.ownGroup = false;
+  m_child = std::make_unique<ChildProcess>(arguments, options);
 
-SimProcess::SimProcess(std::vector<std::string> arguments, std::chrono::milliseconds startDeadline) {
-  int pipeFds[2];
-  if (::pipe2(pipeFds, O_CLOEXEC) != 0) throw failure(std::string("pipe: ") + std::strerror(errno));
-
-  std::vector<std::string> argvStrings;
-  argvStrings.emplace_back(executable());
-  for (std::string& argument : arguments) argvStrings.push_back(std::move(argument));
-  std::vector<char*> argv;
-  for (std::string& argument : argvStrings) argv.push_back(argument.data());
-  argv.push_back(nullptr);
-
-  // The child's stdout becomes the pipe; stderr stays the test's, so the simulator's log lands
-  // in the test output.
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-  const int spawned = ::posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(pipeFds[1]);
-  m_stdout = pipeFds[0];
-  if (spawned != 0) {
-    ::close(m_stdout);
-    m_pid = -1;
-    throw failure(std::string("cannot start ") + executable() + ": " + std::strerror(spawned));
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  std::string out;
+  while ((out = m_child->out()).find('\n') == std::string::npos) {
+    if (m_child->reap(false) >= 0) fail("exited before listening");
+    if (std::chrono::steady_clock::now() > end) fail("no \"listening on\" line in time");
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-
-  try {
-    const std::string line = readFirstLine(startDeadline);
-    const size_t colon = line.rfind(':');
-    if (line.rfind(kReadyPrefix, 0) != 0 || colon == std::string::npos) {
-      throw failure("unexpected first line: " + line);
-    }
-    std::string address = line.substr(std::strlen(kReadyPrefix), colon - std::strlen(kReadyPrefix));
-    if (address.size() >= 2 && address.front() == '[' && address.back() == ']') {
-      address = address.substr(1, address.size() - 2);
-    }
-    const unsigned long port = std::strtoul(line.c_str() + colon + 1, nullptr, 10);
-    if (port == 0 || port > 65535) throw failure("no port in: " + line);
-    m_address = address;
-    m_port = static_cast<uint16_t>(port);
-  } catch (...) {
-    kill();
-    throw;
+  const std::string line = out.substr(0, out.find('\n'));
+  const size_t colon = line.rfind(':');
+  if (line.rfind(kReadyPrefix, 0) != 0 || colon == std::string::npos) fail("unexpected first line: " + line);
+  m_address = line.substr(kReadyPrefix.size(), colon - kReadyPrefix.size());
+  if (m_address.size() >= 2 && m_address.front() == '[' && m_address.back() == ']') {
+    m_address = m_address.substr(1, m_address.size() - 2);
   }
+  const unsigned long port = std::strtoul(line.c_str() + colon + 1, nullptr, 10);
+  if (port == 0 || port > 65535) fail("no port in: " + line);
+  m_port = static_cast<uint16_t>(port);
 }
 
 SimProcess::~SimProcess() { stop(); }
 
-std::string SimProcess::readFirstLine(std::chrono::milliseconds deadline) {
-  const Clock::time_point end = Clock::now() + deadline;
-  std::string line;
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
-    if (left <= 0) throw failure("no \"listening on\" line in time");
-    pollfd p{m_stdout, POLLIN, 0};
-    const int ready = ::poll(&p, 1, static_cast<int>(left));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) continue;
-    char c;
-    const ssize_t n = ::read(m_stdout, &c, 1);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) throw failure("exited before listening");
-    if (c == '\n') return line;
-    line.push_back(c);
-  }
-}
+pid_t SimProcess::pid() const { return m_child->pid(); }
 
 int SimProcess::stop() {
-  if (m_pid < 0) return -1;
-  ::kill(m_pid, SIGTERM);
-  return reap();
+  if (m_child->pid() < 0) return -1;
+  m_child->signal(SIGTERM);
+  return m_child->reap(true);
 }
 
 void SimProcess::kill() {
-  if (m_pid < 0) return;
-  ::kill(m_pid, SIGKILL);
-  reap();
+  m_child->signal(SIGKILL);
+  m_child->reap(true);
 }
 
-int SimProcess::reap() {
-  int status = 0;
-  pid_t waited;
-  do {
-    waited = ::waitpid(m_pid, &status, 0);
-  } while (waited < 0 && errno == EINTR);
-  m_pid = -1;
-  ::close(m_stdout);
-  m_stdout = -1;
-  if (waited < 0) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+bool SimProcess::restart(std::vector<std::string> arguments) {
+  kill();
+  arguments.insert(arguments.end(), {"--port", std::to_string(m_port)});
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    try {
+      SimProcess next(arguments);
+      std::swap(m_child, next.m_child);
+      return true;
+    } catch (const std::runtime_error&) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  }
+  return false;
 }
 
 }  // namespace kvx::test
