@@ -6,11 +6,11 @@
 
 #include <string>
 
-#include "ta_kvx_export.h"
+#include "vorn/Visibility.h"
 
 namespace vorn {
 
-class TA_KVX_EXPORT KVXConnection {
+class VORN_API KVXConnection {
  public:
   /// No endpoint: the empty address, port -1, inactive.
   KVXConnection();

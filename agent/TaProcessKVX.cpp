@@ -188,4 +188,14 @@ KVXConnection TaProcessKVX::getLocalConnection() const { return m_localConnectio
 
 void TaProcessKVX::setLocalConnection(KVXConnection connection) { m_localConnection = std::move(connection); }
 
+KVXConnection TaProcessKVX::sharedConnection() {
+  boost::lock_guard<boost::mutex> session(sessionLock());
+  return m_sharedConnection;
+}
+
+std::vector<std::string> TaProcessKVX::memorySpaces() {
+  boost::lock_guard<boost::mutex> session(sessionLock());
+  return ExtAddress::memorySpaceIds;
+}
+
 }  // namespace vorn

@@ -11,17 +11,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <boost/thread/mutex.hpp>
 
 #include "agent/KVXConnection.h"
-#include "ta_kvx_export.h"
 #include "vorn/ExtAddress.h"
 #include "vorn/TaProcess.h"
+#include "vorn/Visibility.h"
 
 namespace vorn {
 
-class TA_KVX_EXPORT TaProcessKVX : public TaProcess {
+class VORN_API TaProcessKVX : public TaProcess {
  public:
   /// A process for the agent at (`address`, `port`); opens no session. Sets
   /// ExtAddress::memorySpaceIds to the one name "logger".
@@ -72,9 +73,18 @@ class TA_KVX_EXPORT TaProcessKVX : public TaProcess {
   /// names another endpoint. No lock, no agent call.
   void setLocalConnection(KVXConnection connection);
 
-  /// The endpoint of the session that was opened last, with the flag of that attempt. Guarded by
-  /// the lock shared by all processes.
+  // The statics that every process shares. They are guarded by the lock shared by all processes,
+  // which no caller can take, so a host reads them directly only while no other thread may make
+  // an access, call activateConnection or construct a process (for example before it hands
+  // processes to other threads). At any other time it reads them through the two copies below.
+
+  /// The endpoint of the session that was opened last, with the flag of that attempt.
   static KVXConnection m_sharedConnection;
+  /// A copy of m_sharedConnection, taken under the shared lock; safe at any time.
+  static KVXConnection sharedConnection();
+  /// A copy of ExtAddress::memorySpaceIds, taken under the shared lock that every construction
+  /// replaces it under; safe at any time.
+  static std::vector<std::string> memorySpaces();
 
  private:
   /// activateConnection for a caller that already holds the shared lock.

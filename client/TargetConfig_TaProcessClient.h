@@ -5,13 +5,13 @@
 
 #include <string>
 
-#include "ta_kvx_export.h"
+#include "vorn/Visibility.h"
 #include "vorn/TaClient.h"
 #include "vorn/TaProcessInfo.h"
 
 namespace vorn {
 
-class TA_KVX_EXPORT TargetConfig_TaProcessClient : public TaClient {
+class VORN_API TargetConfig_TaProcessClient : public TaClient {
  public:
   /// A client with a fresh identifier from Plugin::new_uuid() and an empty launch name.
   TargetConfig_TaProcessClient();

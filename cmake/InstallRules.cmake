@@ -4,7 +4,7 @@
 #
 #   lib/libta_kvx.so, lib/libvorn_host.so, lib/libtarget.agent.so   side by side
 #   bin/kvx-ta, bin/kvx-agent-sim
-#   include/{vorn,manager,agent,client}/..., include/ta_kvx_export.h
+#   include/{vorn,manager,agent,client}/...
 #   lib/cmake/ta_kvx/                                                the CMake package
 #
 # Two components: `runtime` (libraries and programs) and `development` (headers and the CMake
@@ -76,9 +76,6 @@ install(FILES
 install(FILES "${PROJECT_SOURCE_DIR}/client/TargetConfig_TaProcessClient.h"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/client"
   COMPONENT development)
-install(FILES "${PROJECT_BINARY_DIR}/export/ta_kvx_export.h"
-  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
-  COMPONENT development)
 
 # ---- CMake package ----
 
@@ -134,7 +131,7 @@ set(CPACK_PACKAGING_INSTALL_PREFIX "/opt/ta_kvx")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   "${CPACK_PACKAGING_INSTALL_PREFIX}/${TA_KVX_INSTALL_LIBDIR}")
-# Only for building against the CMake package, which finds Boost.Thread and log4cxx.
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libboost-thread-dev (>= 1.74), liblog4cxx-dev")
+# Only for building against the CMake package, which finds Boost.Thread.
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libboost-thread-dev (>= 1.74)")
 
 include(CPack)

@@ -8,7 +8,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "ta_kvx_export.h"
+#include "vorn/Visibility.h"
 
 namespace vorn {
 
@@ -21,7 +21,7 @@ constexpr int32_t TA_METHOD_SERVED = 0x1;       ///< The block names the access 
 constexpr int32_t TA_METHOD_NOT_SERVED = 0x80;  ///< The block names another access method.
 constexpr int32_t TA_METHOD_MISSING = 0x100;    ///< The block names no readable access method.
 
-class TA_KVX_EXPORT TaProcessManager {
+class VORN_API TaProcessManager {
  public:
   TaProcessManager(const TaProcessManager&) = delete;
   TaProcessManager& operator=(const TaProcessManager&) = delete;

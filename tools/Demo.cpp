@@ -120,7 +120,7 @@ boost::shared_ptr<vorn::ConfigBlock> blockWith(const std::vector<std::pair<const
 
 /// The endpoint of the one agent session, as the plug-in last opened it.
 std::string openSession() {
-  const vorn::KVXConnection& shared = vorn::TaProcessKVX::m_sharedConnection;
+  const vorn::KVXConnection shared = vorn::TaProcessKVX::sharedConnection();
   if (shared.getTargetPort() < 0) {
     return "none";
   }
@@ -137,7 +137,7 @@ std::string hexBytes(const uint8_t* bytes, size_t count) {
 }
 
 vorn::ExtAddress processAddress(uint64_t address) {
-  return vorn::ExtAddress{vorn::ExtAddress::memorySpaceIds.front(), address};
+  return vorn::ExtAddress{vorn::TaProcessKVX::memorySpaces().front(), address};
 }
 
 uint64_t readValue(vorn::TaProcess& process, uint64_t address, unsigned size) {
@@ -209,7 +209,7 @@ void Demo::process() {
     throw std::runtime_error("the plug-in gave no KVX process for agent A");
   }
   std::string spaces;
-  for (const std::string& space : vorn::ExtAddress::memorySpaceIds) {
+  for (const std::string& space : vorn::TaProcessKVX::memorySpaces()) {
     spaces += (spaces.empty() ? "" : ", ") + space;
   }
   step("getTaProcess for agent A",

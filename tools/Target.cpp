@@ -39,8 +39,8 @@ Target::Target(const Endpoint& endpoint)
   if (!m_process) {
     throw std::runtime_error("the plug-in gave no KVX process for " + endpoint.text());
   }
-  m_memorySpace = vorn::ExtAddress::memorySpaceIds.empty() ? kFallbackMemorySpace
-                                                           : vorn::ExtAddress::memorySpaceIds.front();
+  const std::vector<std::string> spaces = vorn::TaProcessKVX::memorySpaces();
+  m_memorySpace = spaces.empty() ? kFallbackMemorySpace : spaces.front();
   // Open the session now, so an agent that is not there is reported as such rather than as the
   // failure of whatever access comes first.
   m_process->activateConnection();

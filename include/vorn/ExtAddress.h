@@ -14,7 +14,8 @@ struct VORN_API ExtAddress {
   std::string memorySpace;
   uint64_t address = 0;
 
-  /// The memory spaces the loaded target-access plug-in offers. Not synchronised by the host.
+  /// The memory spaces the loaded target-access plug-in offers. The plug-in replaces the list;
+  /// the host framework does not synchronise it, so the plug-in says when it may be read.
   static std::vector<std::string> memorySpaceIds;
 };
 

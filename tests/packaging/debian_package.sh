@@ -28,7 +28,7 @@ depends=$(field Depends)
 
 prefix=./opt/ta_kvx
 for file in lib/libta_kvx.so lib/libvorn_host.so lib/libtarget.agent.so \
-            include/manager/TaProcessManager.h include/agent/TargetAgent.h include/ta_kvx_export.h \
+            include/manager/TaProcessManager.h include/agent/TargetAgent.h \
             lib/cmake/ta_kvx/ta_kvxConfig.cmake lib/cmake/ta_kvx/ta_kvxConfigVersion.cmake; do
   grep -qxF "$prefix/$file" <<<"$contents" || fail "the package lacks $prefix/$file"
 done

@@ -44,6 +44,21 @@ for file in "$prefix"/lib/*.so "$prefix"/bin/*; do
   fi
 done
 
+# ---- Headers ----
+
+# Each public header compiles on its own, against the installed include directory alone and
+# against the repository's two include directories alone; no generated header is needed.
+source_root=$(cd "$(dirname "$0")/../.." && pwd)
+for header in $(cd "$prefix/include" && find . -name '*.h' | sed 's|^\./||'); do
+  for includes in "-I$prefix/include" "-I$source_root/include -I$source_root"; do
+    # shellcheck disable=SC2086
+    echo "#include \"$header\"" | c++ -std=c++17 -fsyntax-only $includes -x c++ - ||
+      fail "$header does not compile with $includes alone"
+  done
+done
+# The plug-in links log4cxx privately and no installed header uses it: hosts need not find it.
+if grep -rqi log4cxx "$prefix/lib/cmake/ta_kvx"; then fail "the CMake package names log4cxx"; fi
+
 # ---- A host project built against the prefix ----
 
 "$cmake" -S "$consumer" -B "$WORK/consumer" -DCMAKE_PREFIX_PATH="$prefix" "$@" >"$WORK/configure.log" 2>&1 ||
