@@ -1,6 +1,7 @@
 #include "agent/TaProcessKVX.h"
 
 #include <cstring>
+#include <locale>
 #include <sstream>
 #include <utility>
 
@@ -41,6 +42,14 @@ constexpr const char* baseName(const char* path) {
     }
   }
   return base;
+}
+
+/// A stream for an exception's message. The classic locale keeps an address's digits as they
+/// are whatever locale the host has made global (a user's locale may group them).
+std::ostringstream messageStream() {
+  std::ostringstream stream;
+  stream.imbue(std::locale::classic());
+  return stream;
 }
 
 /// count * unitSize as an unsigned 64-bit product that wraps.
@@ -99,7 +108,7 @@ bool TaProcessKVX::write_mem(const ExtAddress& extAddress, size_t count, unsigne
     n = kMaxAccessBytes;
   }
   if (io_write(extAddress.address, pack(data, n), static_cast<uint32_t>(n)) != 0) {
-    std::ostringstream message;
+    std::ostringstream message = messageStream();
     message << "Cannot write address " << std::hex << extAddress.address << " with memory space "
             << extAddress.memorySpace;
     throw Exception(baseName(__FILE__), __LINE__, message.str());
@@ -122,7 +131,7 @@ bool TaProcessKVX::read_mem(const ExtAddress& extAddress, size_t count, unsigned
     std::memcpy(buffer, bytes, n);
   }
   if (status != 0) {
-    std::ostringstream message;
+    std::ostringstream message = messageStream();
     message << "Cannot read address " << std::hex << extAddress.address << " with memory space "
             << extAddress.memorySpace;
     throw Exception(baseName(__FILE__), __LINE__, message.str());
@@ -145,7 +154,7 @@ bool TaProcessKVX::write_register(const std::string& registerName, size_t count,
     n = kMaxAccessBytes;
   }
   if (reg_write(registerName.c_str(), pack(data, n)) != 0) {
-    std::ostringstream message;
+    std::ostringstream message = messageStream();
     message << "Cannot write register " << registerName;
     throw Exception(baseName(__FILE__), __LINE__, message.str());
   }
@@ -161,7 +170,7 @@ bool TaProcessKVX::read_register(const std::string& registerName, size_t count, 
     LOG4CXX_WARN(logger, "Attempt to read more than 64 bits from a register.");
   }
   if (reg_read(registerName.c_str(), buffer) != 0) {
-    std::ostringstream message;
+    std::ostringstream message = messageStream();
     message << "Cannot read register " << registerName;
     throw Exception(baseName(__FILE__), __LINE__, message.str());
   }

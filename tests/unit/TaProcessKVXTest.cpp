@@ -5,6 +5,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <locale>
 #include <memory>
 #include <string>
 #include <vector>
@@ -349,7 +350,18 @@ TEST_F(TaProcessKVXTest, WarningsOffStillCutTheCount) {
 
 // ---- Failures ----
 
+/// Groups digits in threes, as the locales that user-facing hosts install globally often do.
+struct DigitGrouping : std::numpunct<char> {
+  char do_thousands_sep() const override { return ','; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
 TEST_F(TaProcessKVXTest, RefusedAccessesThrowTheirMessageFromTheThrowingLine) {
+  // Messages read the same whatever locale the host has made global.
+  struct GlobalLocale {
+    std::locale saved = std::locale::global(std::locale(std::locale::classic(), new DigitGrouping));
+    ~GlobalLocale() { std::locale::global(saved); }
+  } grouping;
   auto kvx = activeProcess();
   uint8_t data[8] = {};
   struct Case {
@@ -364,8 +376,8 @@ TEST_F(TaProcessKVXTest, RefusedAccessesThrowTheirMessageFromTheThrowingLine) {
        "Cannot read address 0 with memory space logger"},
       {Fn::IoRead, [&] { kvx->read_mem(at(~uint64_t{0}, ""), 1, 4, data); },
        "Cannot read address ffffffffffffffff with memory space "},
-      {Fn::IoWrite, [&] { kvx->write_mem(at(0xABCDEF, "data"), 1, 4, data); },
-       "Cannot write address abcdef with memory space data"},
+      {Fn::IoWrite, [&] { kvx->write_mem(at(0x123ABCDEF, "data"), 1, 4, data); },
+       "Cannot write address 123abcdef with memory space data"},
       {Fn::RegWrite, [&] { kvx->write_register("r63", 1, 8, data); }, "Cannot write register r63"},
       {Fn::RegRead, [&] { kvx->read_register("no such", 1, 8, data); }, "Cannot read register no such"},
   };
