@@ -1,11 +1,8 @@
-#include "CommandLine.h"
-
-#include <ostream>
+#include "tools/CommandLine.h"
 
 #include <boost/program_options.hpp>
 
-#include "Commands.h"
-#include "UsageError.h"
+#include "tools/UsageError.h"
 
 namespace po = boost::program_options;
 
@@ -15,7 +12,9 @@ namespace {
 const char* const kCommandKey = "command";
 const char* const kArgumentsKey = "arguments";
 
-po::options_description programOptions() {
+}  // namespace
+
+po::options_description CommandLine::options() {
   po::options_description options("Options");
   // clang-format off
   options.add_options()
@@ -30,6 +29,8 @@ po::options_description programOptions() {
   // clang-format on
   return options;
 }
+
+namespace {
 
 /// Once the command's name is seen, every remaining token goes to the command as it is.
 std::vector<po::option> stopAtCommand(std::vector<std::string>& tokens) {
@@ -54,7 +55,7 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   hidden.add_options()(kCommandKey, po::value<std::string>());
   hidden.add_options()(kArgumentsKey, po::value<std::vector<std::string>>());
   po::options_description all;
-  all.add(programOptions()).add(hidden);
+  all.add(options()).add(hidden);
   po::positional_options_description positional;
   positional.add(kCommandKey, 1).add(kArgumentsKey, -1);
 
@@ -90,22 +91,6 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
     invocation.arguments = values[kArgumentsKey].as<std::vector<std::string>>();
   }
   return invocation;
-}
-
-void CommandLine::printHelp(std::ostream& out) {
-  out << "Usage: kvx-ta [--server HOST:PORT] [--log-config FILE] COMMAND [ARGS...]\n"
-         "\n"
-         "Reads and writes a target through the KVX target-access plug-in, the way a debugger\n"
-         "host does. Without --server, kvx-ta starts its own simulated agent (kvx-agent-sim)\n"
-         "for the run, so each run starts from a fresh target; 'script' runs several commands\n"
-         "in one session.\n"
-         "\n"
-         "Commands:\n";
-  Commands::printSummary(out);
-  out << "\n"
-      << programOptions() << "\n"
-      << "Numbers are decimal or hex with 0x; addresses are 64-bit; values are little-endian.\n"
-         "Exit status: 0 done, 1 failed on the target or its connection, 2 usage error.\n";
 }
 
 }  // namespace kvx::cli

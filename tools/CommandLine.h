@@ -2,12 +2,13 @@
 // and the command's arguments left as they are for the command to parse.
 #pragma once
 
-#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "Endpoint.h"
+#include <boost/program_options/options_description.hpp>
+
+#include "tools/Endpoint.h"
 
 namespace kvx::cli {
 
@@ -31,8 +32,8 @@ class CommandLine {
   /// `kvx-ta read --help` asks the command, not the program. Throws UsageError.
   static Invocation parse(int argc, const char* const argv[]);
 
-  /// The program's --help text: synopsis, commands, options, exit statuses.
-  static void printHelp(std::ostream& out);
+  /// The program's own options, as help shows them.
+  static boost::program_options::options_description options();
 };
 
 }  // namespace kvx::cli

@@ -1,30 +1,23 @@
-#include "Commands.h"
+#include "tools/Commands.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 #include <stdexcept>
-#include <utility>
 
-#include <boost/program_options.hpp>
-
-#include "Demo.h"
-#include "HexDump.h"
-#include "Numbers.h"
-#include "Progress.h"
-#include "Session.h"
-#include "Target.h"
-#include "Transfer.h"
-#include "UsageError.h"
-#include "vorn/Exception.h"
-
-namespace po = boost::program_options;
+#include "tools/Demo.h"
+#include "tools/Help.h"
+#include "tools/HexDump.h"
+#include "tools/InputFile.h"
+#include "tools/Numbers.h"
+#include "tools/Progress.h"
+#include "tools/Script.h"
+#include "tools/Session.h"
+#include "tools/Target.h"
+#include "tools/Transfer.h"
+#include "tools/UsageError.h"
 
 namespace kvx::cli {
 namespace {
@@ -33,124 +26,6 @@ constexpr unsigned kDefaultAccessBytes = 4;
 constexpr unsigned kRegisterHexDigits = 16;
 constexpr unsigned kAddressHexDigits = 16;
 const char* const kHelpFlag = "--help";
-
-/// Commands take long options only, spelt out: "-1" is then an argument (and a bad number), and
-/// "--ver" is not taken for "--verify".
-constexpr int kCommandStyle = po::command_line_style::allow_long |
-                              po::command_line_style::long_allow_adjacent |
-                              po::command_line_style::long_allow_next;
-
-/// An option of a command: a switch when valueName is null.
-struct Flag {
-  const char* name;
-  const char* valueName;
-  const char* description;
-};
-
-/// The checked arguments of one command, by name: positional ones by their placeholder
-/// ("ADDR"), options by their long name ("out").
-class Arguments {
- public:
-  explicit Arguments(po::variables_map values) : m_values(std::move(values)) {}
-
-  bool has(const char* name) const { return m_values.count(name) != 0; }
-  const std::string& value(const char* name) const { return m_values[name].as<std::string>(); }
-
- private:
-  po::variables_map m_values;
-};
-
-struct CommandInfo {
-  const char* name;
-  /// The arguments as the synopsis shows them.
-  const char* synopsis;
-  const char* summary;
-  const char* description;
-  std::vector<const char*> required;
-  std::vector<const char*> optional;
-  std::vector<Flag> flags;
-  bool scriptable;
-  Action (*build)(const Arguments& arguments);
-};
-
-// ---- Helpers of the commands ----
-
-std::runtime_error fileError(const std::string& what, const std::string& path) {
-  return std::runtime_error("cannot " + what + " '" + path + "': " + std::strerror(errno));
-}
-
-/// The whole of the file at `path`. Plain POSIX reads: a read error becomes a message naming the
-/// file, where a stream would throw its own or stop silently.
-std::vector<uint8_t> readFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    throw fileError("read", path);
-  }
-  std::vector<uint8_t> data;
-  uint8_t buffer[64 * 1024];
-  for (;;) {
-    const ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
-    if (got < 0) {
-      const int error = errno;
-      ::close(fd);
-      errno = error;
-      throw fileError("read", path);
-    }
-    if (got == 0) {
-      break;
-    }
-    data.insert(data.end(), buffer, buffer + got);
-  }
-  ::close(fd);
-  return data;
-}
-
-/// The words of a script line; a word that starts with '#' starts a comment.
-std::vector<std::string> splitWords(const std::string& line) {
-  std::istringstream stream(line);
-  std::vector<std::string> words;
-  std::string word;
-  while (stream >> word && word.front() != '#') {
-    words.push_back(word);
-  }
-  return words;
-}
-
-void runScript(const std::string& path, Session& session) {
-  std::ifstream file;
-  std::istream* in = &std::cin;
-  if (!path.empty() && path != "-") {
-    file.open(path);
-    if (!file) {
-      throw fileError("read script", path);
-    }
-    in = &file;
-  }
-  std::string line;
-  for (unsigned number = 1; std::getline(*in, line); ++number) {
-    const std::vector<std::string> words = splitWords(line);
-    if (words.empty()) {
-      continue;
-    }
-    // The failure keeps its kind, and so the exit status, and gains its line.
-    const std::string where = "script:" + std::to_string(number) + ": ";
-    try {
-      Commands::parse(words.front(), {words.begin() + 1, words.end()}, Commands::Context::kScript)(session);
-    } catch (const UsageError& failure) {
-      throw UsageError(where + failure.what());
-    } catch (const vorn::Exception& failure) {
-      throw vorn::Exception(failure.getFile().c_str(), failure.getLine(), where + failure.getMessage());
-    } catch (const std::runtime_error& failure) {
-      throw std::runtime_error(where + failure.what());
-    }
-  }
-  if (in->bad()) {
-    throw fileError("read script", path.empty() ? "-" : path);
-  }
-}
 
 // ---- The commands ----
 
@@ -279,7 +154,7 @@ Action buildLoad(const Arguments& arguments) {
 
 Action buildScript(const Arguments& arguments) {
   const std::string path = arguments.has("FILE") ? arguments.value("FILE") : std::string();
-  return [=](Session& session) { runScript(path, session); };
+  return [=](Session& session) { Script::run(path, session); };
 }
 
 Action buildDemo(const Arguments& /*arguments*/) {
@@ -291,8 +166,8 @@ Action buildDemo(const Arguments& /*arguments*/) {
   };
 }
 
-const std::vector<CommandInfo>& commandTable() {
-  static const std::vector<CommandInfo> table{
+const std::vector<CommandSpec>& commandTable() {
+  static const std::vector<CommandSpec> table{
       {"read",
        "ADDR [SIZE]",
        "read SIZE bytes (1 to 8, default 4) of target memory",
@@ -398,63 +273,12 @@ const std::vector<CommandInfo>& commandTable() {
   return table;
 }
 
-std::string usageLine(const CommandInfo& info) {
-  return std::string("kvx-ta ") + info.name + (*info.synopsis != '\0' ? " " : "") + info.synopsis;
-}
-
-po::options_description visibleOptions(const CommandInfo& info) {
-  po::options_description options("Options");
-  options.add_options()("help", "describe this command");
-  for (const Flag& flag : info.flags) {
-    if (flag.valueName != nullptr) {
-      options.add_options()(flag.name, po::value<std::string>()->value_name(flag.valueName),
-                            flag.description);
-    } else {
-      options.add_options()(flag.name, flag.description);
-    }
-  }
-  return options;
-}
-
-void printHelp(const CommandInfo& info, std::ostream& out) {
-  out << "Usage: " << usageLine(info) << "\n\n" << info.description << "\n\n" << visibleOptions(info);
-}
-
-po::variables_map parseArguments(const CommandInfo& info, const std::vector<std::string>& arguments) {
-  po::options_description all;
-  all.add(visibleOptions(info));
-  po::positional_options_description positional;
-  for (const auto* names : {&info.required, &info.optional}) {
-    for (const char* name : *names) {
-      all.add_options()(name, po::value<std::string>());
-      positional.add(name, 1);
-    }
-  }
-  const std::string usage = " (usage: " + usageLine(info) + ")";
-  po::variables_map values;
-  try {
-    po::store(
-        po::command_line_parser(arguments).options(all).positional(positional).style(kCommandStyle).run(),
-        values);
-  } catch (const po::too_many_positional_options_error&) {
-    throw UsageError(std::string(info.name) + ": too many arguments" + usage);
-  } catch (const po::error& failure) {
-    throw UsageError(std::string(info.name) + ": " + failure.what() + usage);
-  }
-  for (const char* name : info.required) {
-    if (values.count(name) == 0) {
-      throw UsageError(std::string(info.name) + ": missing " + name + usage);
-    }
-  }
-  return values;
-}
-
 }  // namespace
 
 Action Commands::parse(const std::string& name, const std::vector<std::string>& arguments, Context context) {
   const auto& table = commandTable();
   const auto info = std::find_if(table.begin(), table.end(),
-                                 [&name](const CommandInfo& candidate) { return name == candidate.name; });
+                                 [&name](const CommandSpec& candidate) { return name == candidate.name; });
   if (info == table.end()) {
     throw UsageError("unknown command '" + name + "' (try 'kvx-ta --help')");
   }
@@ -462,18 +286,12 @@ Action Commands::parse(const std::string& name, const std::vector<std::string>& 
     throw UsageError("'" + name + "' cannot run inside a script");
   }
   if (std::find(arguments.begin(), arguments.end(), kHelpFlag) != arguments.end()) {
-    const CommandInfo& help = *info;
-    return [&help](Session&) { printHelp(help, std::cout); };
+    const CommandSpec& spec = *info;
+    return [&spec](Session&) { Help::command(spec, std::cout); };
   }
-  return info->build(Arguments(parseArguments(*info, arguments)));
+  return info->build(info->parse(arguments));
 }
 
-void Commands::printSummary(std::ostream& out) {
-  for (const CommandInfo& info : commandTable()) {
-    std::string synopsis = std::string(info.name) + " " + info.synopsis;
-    synopsis.resize(std::max<size_t>(synopsis.size() + 1, 36), ' ');
-    out << "  " << synopsis << info.summary << '\n';
-  }
-}
+const std::vector<CommandSpec>& Commands::table() { return commandTable(); }
 
 }  // namespace kvx::cli

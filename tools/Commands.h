@@ -3,18 +3,12 @@
 // one line at a time in the same session.
 #pragma once
 
-#include <functional>
-#include <iosfwd>
 #include <string>
 #include <vector>
 
+#include "tools/CommandSpec.h"
+
 namespace kvx::cli {
-
-class Session;
-
-/// A command whose arguments passed their checks, ready to run. Throws UsageError,
-/// vorn::Exception (a refused access) or std::runtime_error (any other failure).
-using Action = std::function<void(Session&)>;
 
 class Commands {
  public:
@@ -25,8 +19,8 @@ class Commands {
   /// that prints the command's help and needs no target. Throws UsageError.
   static Action parse(const std::string& name, const std::vector<std::string>& arguments, Context context);
 
-  /// One line per command, for the program's help.
-  static void printSummary(std::ostream& out);
+  /// Every command, in the order help lists them.
+  static const std::vector<CommandSpec>& table();
 };
 
 }  // namespace kvx::cli

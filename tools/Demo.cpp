@@ -1,4 +1,4 @@
-#include "Demo.h"
+#include "tools/Demo.h"
 
 #include <algorithm>
 #include <cstring>
@@ -17,12 +17,12 @@
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
 
-#include "EmbeddedAgent.h"
-#include "Numbers.h"
-#include "Target.h"
 #include "agent/TaProcessKVX.h"
 #include "client/TargetConfig_TaProcessClient.h"
 #include "manager/TaProcessManager.h"
+#include "tools/EmbeddedAgent.h"
+#include "tools/Numbers.h"
+#include "tools/Target.h"
 #include "vorn/ConfigBlock.h"
 #include "vorn/Exception.h"
 #include "vorn/ExtAddress.h"

@@ -1,4 +1,4 @@
-#include "EmbeddedAgent.h"
+#include "tools/EmbeddedAgent.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "Numbers.h"
+#include "tools/Numbers.h"
 
 namespace kvx::cli {
 namespace {

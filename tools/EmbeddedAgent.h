@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "Endpoint.h"
+#include "tools/Endpoint.h"
 
 namespace kvx::cli {
 

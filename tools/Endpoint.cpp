@@ -1,7 +1,7 @@
-#include "Endpoint.h"
+#include "tools/Endpoint.h"
 
-#include "Numbers.h"
-#include "UsageError.h"
+#include "tools/Numbers.h"
+#include "tools/UsageError.h"
 
 namespace kvx::cli {
 namespace {

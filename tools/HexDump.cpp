@@ -1,4 +1,4 @@
-#include "HexDump.h"
+#include "tools/HexDump.h"
 
 #include <ostream>
 

@@ -1,4 +1,4 @@
-#include "Logging.h"
+#include "tools/Logging.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "Numbers.h"
+#include "tools/Numbers.h"
 
 #include <cctype>
 #include <cerrno>
@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <limits>
 
-#include "UsageError.h"
+#include "tools/UsageError.h"
 
 namespace kvx::cli {
 namespace {

@@ -1,10 +1,10 @@
-#include "Session.h"
+#include "tools/Session.h"
 
 #include <iostream>
 #include <utility>
 
-#include "EmbeddedAgent.h"
-#include "Target.h"
+#include "tools/EmbeddedAgent.h"
+#include "tools/Target.h"
 
 namespace kvx::cli {
 

@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "Endpoint.h"
+#include "tools/Endpoint.h"
 
 namespace kvx::cli {
 

@@ -1,14 +1,14 @@
-#include "Target.h"
+#include "tools/Target.h"
 
 #include <stdexcept>
 
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
 
-#include "Numbers.h"
 #include "agent/TaProcessKVX.h"
 #include "client/TargetConfig_TaProcessClient.h"
 #include "manager/TaProcessManager.h"
+#include "tools/Numbers.h"
 #include "vorn/ConfigBlock.h"
 #include "vorn/Exception.h"
 #include "vorn/ExtAddress.h"

@@ -11,7 +11,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "Endpoint.h"
+#include "tools/Endpoint.h"
 
 namespace vorn {
 class ConfigBlock;

@@ -1,8 +1,8 @@
-#include "Transfer.h"
+#include "tools/Transfer.h"
 
-#include "Numbers.h"
-#include "Progress.h"
-#include "Target.h"
+#include "tools/Numbers.h"
+#include "tools/Progress.h"
+#include "tools/Target.h"
 
 namespace kvx::cli {
 namespace {

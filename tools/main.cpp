@@ -4,12 +4,13 @@
 #include <exception>
 #include <iostream>
 
-#include "CommandLine.h"
-#include "Commands.h"
-#include "EmbeddedAgent.h"
-#include "Logging.h"
-#include "Session.h"
-#include "UsageError.h"
+#include "tools/CommandLine.h"
+#include "tools/Commands.h"
+#include "tools/EmbeddedAgent.h"
+#include "tools/Help.h"
+#include "tools/Logging.h"
+#include "tools/Session.h"
+#include "tools/UsageError.h"
 #include "vorn/Exception.h"
 
 namespace {
@@ -25,7 +26,7 @@ int run(int argc, const char* const argv[]) {
     return 0;
   }
   if (invocation.help) {
-    CommandLine::printHelp(std::cout);
+    Help::program(std::cout);
     return 0;
   }
   if (invocation.command.empty()) {

@@ -1,0 +1,67 @@
+#include "tools/CommandSpec.h"
+
+#include <boost/program_options/errors.hpp>
+#include <boost/program_options/parsers.hpp>
+#include <boost/program_options/positional_options.hpp>
+
+#include "tools/UsageError.h"
+
+namespace po = boost::program_options;
+
+namespace kvx::cli {
+namespace {
+
+/// Commands take long options only, spelt out: "-1" is then an argument (and a bad number), and
+/// "--ver" is not taken for "--verify".
+constexpr int kCommandStyle = po::command_line_style::allow_long |
+                              po::command_line_style::long_allow_adjacent |
+                              po::command_line_style::long_allow_next;
+
+}  // namespace
+
+std::string CommandSpec::usage() const {
+  return std::string("kvx-ta ") + name + (*synopsis != '\0' ? " " : "") + synopsis;
+}
+
+po::options_description CommandSpec::options() const {
+  po::options_description result("Options");
+  result.add_options()("help", "describe this command");
+  for (const Flag& flag : flags) {
+    if (flag.valueName != nullptr) {
+      result.add_options()(flag.name, po::value<std::string>()->value_name(flag.valueName), flag.description);
+    } else {
+      result.add_options()(flag.name, flag.description);
+    }
+  }
+  return result;
+}
+
+Arguments CommandSpec::parse(const std::vector<std::string>& words) const {
+  po::options_description all;
+  all.add(options());
+  po::positional_options_description positional;
+  for (const auto* names : {&required, &optional}) {
+    for (const char* field : *names) {
+      all.add_options()(field, po::value<std::string>());
+      positional.add(field, 1);
+    }
+  }
+  const std::string hint = " (usage: " + usage() + ")";
+  po::variables_map values;
+  try {
+    po::store(po::command_line_parser(words).options(all).positional(positional).style(kCommandStyle).run(),
+              values);
+  } catch (const po::too_many_positional_options_error&) {
+    throw UsageError(std::string(name) + ": too many arguments" + hint);
+  } catch (const po::error& failure) {
+    throw UsageError(std::string(name) + ": " + failure.what() + hint);
+  }
+  for (const char* field : required) {
+    if (values.count(field) == 0) {
+      throw UsageError(std::string(name) + ": missing " + field + hint);
+    }
+  }
+  return Arguments(std::move(values));
+}
+
+}  // namespace kvx::cli

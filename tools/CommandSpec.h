@@ -1,0 +1,62 @@
+// How a kvx-ta command is described, and how the words given to it are checked: positional fields
+// by their placeholders ("ADDR"), options by their long names ("out"). The table of commands is
+// made of these descriptions, and help prints them. Plain values, read-only once built.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <boost/program_options/options_description.hpp>
+#include <boost/program_options/variables_map.hpp>
+
+namespace kvx::cli {
+
+class Session;
+
+/// A command whose arguments passed their checks, ready to run. Throws UsageError,
+/// vorn::Exception (a refused access) or std::runtime_error (any other failure).
+using Action = std::function<void(Session&)>;
+
+/// An option of a command: a switch when valueName is null.
+struct Flag {
+  const char* name;
+  const char* valueName;
+  const char* description;
+};
+
+/// The checked words of one command, by name.
+class Arguments {
+ public:
+  explicit Arguments(boost::program_options::variables_map values) : m_values(std::move(values)) {}
+
+  bool has(const char* name) const { return m_values.count(name) != 0; }
+  const std::string& value(const char* name) const { return m_values[name].as<std::string>(); }
+
+ private:
+  boost::program_options::variables_map m_values;
+};
+
+struct CommandSpec {
+  const char* name;
+  /// The arguments as the synopsis shows them.
+  const char* synopsis;
+  const char* summary;
+  const char* description;
+  std::vector<const char*> required;
+  std::vector<const char*> optional;
+  std::vector<Flag> flags;
+  /// Whether a script may run it.
+  bool scriptable;
+  /// Checks the arguments further and returns the action; throws UsageError.
+  Action (*build)(const Arguments& arguments);
+
+  /// "kvx-ta NAME SYNOPSIS".
+  std::string usage() const;
+  /// The options that help shows: --help and the flags.
+  boost::program_options::options_description options() const;
+  /// Checks `words` against the fields and flags; throws UsageError naming the command.
+  Arguments parse(const std::vector<std::string>& words) const;
+};
+
+}  // namespace kvx::cli

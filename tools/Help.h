@@ -1,0 +1,17 @@
+// The help texts of kvx-ta: the program's (synopsis, commands, options, exit statuses) and each
+// command's (usage, description, options).
+#pragma once
+
+#include <iosfwd>
+
+namespace kvx::cli {
+
+struct CommandSpec;
+
+class Help {
+ public:
+  static void program(std::ostream& out);
+  static void command(const CommandSpec& spec, std::ostream& out);
+};
+
+}  // namespace kvx::cli
