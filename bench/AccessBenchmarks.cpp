@@ -143,7 +143,7 @@ class RawClient {
     peer.sin_family = AF_INET;
     peer.sin_port = htons(static_cast<uint16_t>(endpoint.port));
     const int on = 1;
-    if (m_fd < 0 || ::inet_pton(AF_INET, endpoint.address.c_str(), &peer.sin_addr) != 1 ||
+    if (m_fd < 0 || ::inet_pton(AF_INET, endpoint.host.c_str(), &peer.sin_addr) != 1 ||
         ::connect(m_fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0 ||
         ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
       error = std::string("cannot connect: ") + std::strerror(errno);
@@ -221,7 +221,7 @@ void BM_ReadMemLoopback(benchmark::State& state) {
   const Endpoint& agent = BenchEnvironment::current().firstAgent();
   std::unique_ptr<vorn::TaProcessKVX> process;
   try {
-    process = warmProcess(agent.address, agent.port);
+    process = warmProcess(agent.host, agent.port);
   } catch (const std::exception& e) {
     fail(state, e.what());
     return;
@@ -247,8 +247,8 @@ void BM_SwitchLoopback(benchmark::State& state) {
   const Endpoint& second = BenchEnvironment::current().secondAgent();
   std::unique_ptr<vorn::TaProcessKVX> processes[2];
   try {
-    processes[0] = warmProcess(first.address, first.port);
-    processes[1] = warmProcess(second.address, second.port);
+    processes[0] = warmProcess(first.host, first.port);
+    processes[1] = warmProcess(second.host, second.port);
   } catch (const std::exception& e) {
     fail(state, e.what());
     return;

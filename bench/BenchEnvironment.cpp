@@ -7,7 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "tests/support/SimProcess.h"
+#include "sim/launch/SimulatorProcess.h"
 
 namespace bench {
 namespace {
@@ -16,8 +16,9 @@ BenchEnvironment* g_current = nullptr;
 std::atomic<bool> g_failed{false};
 
 /// --quiet: a line per connection on stderr would land in the middle of the results.
-std::unique_ptr<kvx::test::SimProcess> startSimulator(std::optional<int> cpu) {
-  auto sim = std::make_unique<kvx::test::SimProcess>(std::vector<std::string>{"--quiet"});
+std::unique_ptr<kvx::launch::SimulatorProcess> startSimulator(std::optional<int> cpu) {
+  auto sim = std::make_unique<kvx::launch::SimulatorProcess>(
+      kvx::launch::SimulatorProcess::besideThisProgram(), std::vector<std::string>{"--quiet"});
   if (cpu) {
     cpu_set_t set;
     CPU_ZERO(&set);
@@ -30,15 +31,13 @@ std::unique_ptr<kvx::test::SimProcess> startSimulator(std::optional<int> cpu) {
   return sim;
 }
 
-Endpoint endpointOf(const kvx::test::SimProcess& sim) { return Endpoint{sim.address(), sim.port()}; }
-
 }  // namespace
 
 BenchEnvironment::BenchEnvironment(std::optional<int> simCpu)
     : m_firstSim(startSimulator(simCpu)),
       m_secondSim(startSimulator(simCpu)),
-      m_first(endpointOf(*m_firstSim)),
-      m_second(endpointOf(*m_secondSim)) {
+      m_first(m_firstSim->endpoint()),
+      m_second(m_secondSim->endpoint()) {
   g_current = this;
 }
 

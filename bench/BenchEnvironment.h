@@ -12,16 +12,15 @@
 #include <optional>
 #include <string>
 
-namespace kvx::test {
-class SimProcess;
+#include "sim/launch/Endpoint.h"
+
+namespace kvx::launch {
+class SimulatorProcess;
 }
 
 namespace bench {
 
-struct Endpoint {
-  std::string address;
-  int port = 0;
-};
+using kvx::launch::Endpoint;
 
 class BenchEnvironment {
  public:
@@ -41,8 +40,8 @@ class BenchEnvironment {
   const Endpoint& secondAgent() const { return m_second; }
 
  private:
-  std::unique_ptr<kvx::test::SimProcess> m_firstSim;
-  std::unique_ptr<kvx::test::SimProcess> m_secondSim;
+  std::unique_ptr<kvx::launch::SimulatorProcess> m_firstSim;
+  std::unique_ptr<kvx::launch::SimulatorProcess> m_secondSim;
   Endpoint m_first;
   Endpoint m_second;
 };

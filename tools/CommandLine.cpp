@@ -76,7 +76,12 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   invocation.help = values.count("help") != 0;
   invocation.version = values.count("version") != 0;
   if (values.count("server") != 0) {
-    invocation.server = Endpoint::parse(values["server"].as<std::string>());
+    const std::string server = values["server"].as<std::string>();
+    std::string why;
+    invocation.server = launch::Endpoint::parse(server, why);
+    if (!invocation.server) {
+      throw UsageError("invalid server '" + server + "' (" + why + ")");
+    }
   }
   if (values.count("log-config") != 0) {
     invocation.logConfig = values["log-config"].as<std::string>();

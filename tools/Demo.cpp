@@ -20,7 +20,7 @@
 #include "agent/TaProcessKVX.h"
 #include "client/TargetConfig_TaProcessClient.h"
 #include "manager/TaProcessManager.h"
-#include "tools/EmbeddedAgent.h"
+#include "sim/launch/SimulatorProcess.h"
 #include "tools/Numbers.h"
 #include "tools/Target.h"
 #include "vorn/ConfigBlock.h"
@@ -124,7 +124,7 @@ std::string openSession() {
   if (shared.getTargetPort() < 0) {
     return "none";
   }
-  return Endpoint{shared.getTargetAddress(), shared.getTargetPort()}.text();
+  return launch::Endpoint{shared.getTargetAddress(), shared.getTargetPort()}.text();
 }
 
 std::string hexBytes(const uint8_t* bytes, size_t count) {
@@ -160,9 +160,9 @@ Demo::Demo(std::string simulatorPath, std::ostream& out)
 Demo::~Demo() = default;
 
 void Demo::run() {
-  m_agentA =
-      std::make_unique<EmbeddedAgent>(m_simulatorPath, std::vector<std::string>{"--deny", kDeniedRange});
-  m_agentB = std::make_unique<EmbeddedAgent>(m_simulatorPath);
+  m_agentA = std::make_unique<launch::SimulatorProcess>(
+      m_simulatorPath, std::vector<std::string>{"--quiet", "--deny", kDeniedRange});
+  m_agentB = std::make_unique<launch::SimulatorProcess>(m_simulatorPath, std::vector<std::string>{"--quiet"});
   m_out << "kvx-ta demo: a guided tour of the KVX target-access plug-in, as a debugger host uses it.\n"
         << "Two simulated agents run for it: A on " << m_agentA->endpoint().text() << " and B on "
         << m_agentB->endpoint().text() << ".\n";
@@ -185,7 +185,7 @@ void Demo::admission() {
       "whether the plug-in serves the access method the block names.");
   vorn::TaProcessManager& manager = vorn::TaProcessManager::getInstance();
   auto client = boost::make_shared<vorn::TargetConfig_TaProcessClient>();
-  const Endpoint& a = m_agentA->endpoint();
+  const launch::Endpoint& a = m_agentA->endpoint();
 
   step("TaType \"KVX\", ServerAddress, ServerPort",
        answerText(manager.registerClient(client, Target::configFor(a))));

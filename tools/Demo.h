@@ -14,9 +14,11 @@ namespace vorn {
 class TaProcessKVX;
 }  // namespace vorn
 
-namespace kvx::cli {
+namespace kvx::launch {
+class SimulatorProcess;
+}  // namespace kvx::launch
 
-class EmbeddedAgent;
+namespace kvx::cli {
 
 class Demo {
  public:
@@ -47,8 +49,8 @@ class Demo {
   std::string m_simulatorPath;
   std::ostream& m_out;
   int m_section = 0;
-  std::unique_ptr<EmbeddedAgent> m_agentA;
-  std::unique_ptr<EmbeddedAgent> m_agentB;
+  std::unique_ptr<launch::SimulatorProcess> m_agentA;
+  std::unique_ptr<launch::SimulatorProcess> m_agentB;
   boost::shared_ptr<vorn::TaProcessKVX> m_processA;
 };
 

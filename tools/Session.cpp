@@ -3,12 +3,12 @@
 #include <iostream>
 #include <utility>
 
-#include "tools/EmbeddedAgent.h"
+#include "sim/launch/SimulatorProcess.h"
 #include "tools/Target.h"
 
 namespace kvx::cli {
 
-Session::Session(std::optional<Endpoint> server, std::string simulatorPath)
+Session::Session(std::optional<launch::Endpoint> server, std::string simulatorPath)
     : m_server(std::move(server)), m_simulatorPath(std::move(simulatorPath)) {}
 
 Session::~Session() {
@@ -18,11 +18,12 @@ Session::~Session() {
 
 Target& Session::target() {
   if (!m_target) {
-    Endpoint endpoint;
+    launch::Endpoint endpoint;
     if (m_server) {
       endpoint = *m_server;
     } else {
-      m_embedded = std::make_unique<EmbeddedAgent>(m_simulatorPath);
+      m_embedded =
+          std::make_unique<launch::SimulatorProcess>(m_simulatorPath, std::vector<std::string>{"--quiet"});
       endpoint = m_embedded->endpoint();
       std::cerr << "kvx-ta: started kvx-agent-sim on " << endpoint.text() << std::endl;
     }

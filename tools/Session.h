@@ -10,18 +10,21 @@
 #include <optional>
 #include <string>
 
-#include "tools/Endpoint.h"
+#include "sim/launch/Endpoint.h"
+
+namespace kvx::launch {
+class SimulatorProcess;
+}  // namespace kvx::launch
 
 namespace kvx::cli {
 
-class EmbeddedAgent;
 class Target;
 
 class Session {
  public:
   /// `server` is the agent to use; without one, the first use of target() starts the simulator
   /// at `simulatorPath` and announces it on stderr.
-  Session(std::optional<Endpoint> server, std::string simulatorPath);
+  Session(std::optional<launch::Endpoint> server, std::string simulatorPath);
   /// Closes the target, then stops the simulator.
   ~Session();
 
@@ -37,10 +40,10 @@ class Session {
   const std::string& simulatorPath() const { return m_simulatorPath; }
 
  private:
-  std::optional<Endpoint> m_server;
+  std::optional<launch::Endpoint> m_server;
   std::string m_simulatorPath;
   // Declared in this order so that the target goes before the agent it talks to.
-  std::unique_ptr<EmbeddedAgent> m_embedded;
+  std::unique_ptr<launch::SimulatorProcess> m_embedded;
   std::unique_ptr<Target> m_target;
 };
 

@@ -25,7 +25,7 @@ constexpr unsigned kRegisterBytes = 8;
 
 }  // namespace
 
-Target::Target(const Endpoint& endpoint)
+Target::Target(const launch::Endpoint& endpoint)
     : m_endpoint(endpoint),
       m_config(configFor(endpoint)),
       m_client(boost::make_shared<vorn::TargetConfig_TaProcessClient>()) {
@@ -52,7 +52,7 @@ Target::Target(const Endpoint& endpoint)
 
 Target::~Target() { vorn::TaProcessManager::getInstance().unregisterClient(m_client->getUUID(), m_config); }
 
-boost::shared_ptr<vorn::ConfigBlock> Target::configFor(const Endpoint& endpoint) {
+boost::shared_ptr<vorn::ConfigBlock> Target::configFor(const launch::Endpoint& endpoint) {
   auto config = boost::make_shared<vorn::ConfigBlock>();
   config->setAttribute("TaType", boost::make_shared<vorn::StringAttribute>(kAccessMethod));
   config->setAttribute("ServerAddress", boost::make_shared<vorn::StringAttribute>(endpoint.host));

@@ -4,9 +4,9 @@
 #include <exception>
 #include <iostream>
 
+#include "sim/launch/SimulatorProcess.h"
 #include "tools/CommandLine.h"
 #include "tools/Commands.h"
-#include "tools/EmbeddedAgent.h"
 #include "tools/Help.h"
 #include "tools/Logging.h"
 #include "tools/Session.h"
@@ -36,7 +36,7 @@ int run(int argc, const char* const argv[]) {
   const Action action =
       Commands::parse(invocation.command, invocation.arguments, Commands::Context::kCommandLine);
   Logging::configure(invocation.logConfig);
-  Session session(invocation.server, EmbeddedAgent::besideThisProgram());
+  Session session(invocation.server, kvx::launch::SimulatorProcess::besideThisProgram());
   action(session);
   return 0;
 }

@@ -1,0 +1,65 @@
+// A kvx-agent-sim child process: started with the caller's options on a free port, ready once it
+// has announced where it listens ("listening on ADDRESS:PORT"), and stopped at the latest when
+// destroyed. kvx-ta's embedded agent, the tests and the benchmarks all start simulators here.
+//
+// The child reads nothing (its stdin is /dev/null) and logs to the caller's stderr; should the
+// caller die, even by SIGKILL, the kernel sends the child SIGTERM. Each instance owns its child.
+// Not thread-safe: start, query and stop an instance from one thread; the simulator itself serves
+// any number of clients and threads.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "sim/launch/Endpoint.h"
+
+namespace kvx::launch {
+
+class SimulatorProcess {
+ public:
+  /// Starts `program` with `options` after its name and waits until it listens. Throws
+  /// std::runtime_error when it cannot be started, exits first, or stays silent for ten seconds;
+  /// a child that was started is stopped first.
+  SimulatorProcess(std::string program, std::vector<std::string> options);
+  /// Stops the simulator as stop() does.
+  ~SimulatorProcess();
+
+  SimulatorProcess(const SimulatorProcess&) = delete;
+  SimulatorProcess& operator=(const SimulatorProcess&) = delete;
+
+  /// Where the simulator listens, as it announced it.
+  const Endpoint& endpoint() const { return m_endpoint; }
+  /// The child's process id; -1 once it is stopped.
+  pid_t pid() const { return m_pid; }
+
+  /// Sends SIGTERM, waits up to three seconds, then kills. Returns the exit status (0 for a clean
+  /// stop), or 128 + the number of the signal that ended it; -1 when it was stopped already.
+  int stop();
+  /// Kills the simulator with SIGKILL, so it vanishes without closing anything itself.
+  void kill();
+  /// Kills the simulator and starts it again on the same port with `options`. The simulator
+  /// binds with SO_REUSEADDR, so the port is free again at once; should another program take it
+  /// meanwhile, this retries for two seconds. False when the port never came free.
+  bool restart(std::vector<std::string> options);
+
+  /// The kvx-agent-sim in the directory of the running program, as installed beside kvx-ta.
+  static std::string besideThisProgram();
+
+ private:
+  /// Forks and executes the program; sets m_pid and m_stdout.
+  void spawn(const std::vector<std::string>& options);
+  /// Reads the child's first stdout line within the start deadline.
+  std::string readReadyLine();
+  /// Reaps the child, waiting at most `seconds`; its status as stop() gives it, -1 if it runs on.
+  int reap(int seconds);
+
+  std::string m_program;
+  pid_t m_pid = -1;
+  /// Read end of the child's stdout, kept open while it runs so that its writes never fail.
+  int m_stdout = -1;
+  Endpoint m_endpoint;
+};
+
+}  // namespace kvx::launch
