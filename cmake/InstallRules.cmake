@@ -41,17 +41,8 @@ install(TARGETS target_agent
 
 # ---- Programs ----
 
-# Each is installed once its folder provides it. Their libraries come from the prefix's lib/.
-foreach(program IN ITEMS kvx_ta kvx_agent_sim)
-  if(NOT TARGET ${program})
-    continue()
-  endif()
-  get_target_property(program_rpath ${program} INSTALL_RPATH)
-  if(NOT program_rpath)
-    set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/../${TA_KVX_INSTALL_LIBDIR}")
-  endif()
-  install(TARGETS ${program} RUNTIME DESTINATION "${TA_KVX_INSTALL_BINDIR}" COMPONENT runtime)
-endforeach()
+# Their libraries come from the prefix's lib/, through their $ORIGIN/../lib run path.
+install(TARGETS kvx_ta kvx_agent_sim RUNTIME DESTINATION "${TA_KVX_INSTALL_BINDIR}" COMPONENT runtime)
 
 # ---- Headers ----
 
