@@ -238,7 +238,7 @@ void BM_ReadMemLoopback(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_ReadMemLoopback)->Name("BM_ReadMem/loopback");
-BENCHMARK(BM_ReadMemLoopback)->Name("BM_ReadMem/loopback")->Threads(1)->Threads(2)->Threads(4)->Threads(8);
+BENCHMARK(BM_ReadMemLoopback)->Name("BM_ReadMem/loopback")->Threads(2)->Threads(4)->Threads(8);
 
 /// Each access goes to the other agent, so each one closes a session and opens another first.
 void BM_SwitchLoopback(benchmark::State& state) {

@@ -39,7 +39,6 @@ constexpr uint64_t kScratch = 0x1000;
 constexpr uint64_t kSharedAddress = 0x2000;
 constexpr size_t kResultColumn = 52;
 constexpr unsigned kWord = 4;
-constexpr unsigned kDoubleWord = 8;
 
 /// Keeps what an appender writes, in memory.
 class TextWriter : public log4cxx::helpers::Writer {
@@ -141,13 +140,13 @@ vorn::ExtAddress processAddress(uint64_t address) {
 }
 
 uint64_t readValue(vorn::TaProcess& process, uint64_t address, unsigned size) {
-  uint8_t bytes[kDoubleWord] = {};
+  uint8_t bytes[kMaxAccessBytes] = {};
   process.read_mem(processAddress(address), 1, size, bytes);
   return fromTargetBytes(bytes, size);
 }
 
 void writeValue(vorn::TaProcess& process, uint64_t address, uint64_t value, unsigned size) {
-  uint8_t bytes[kDoubleWord] = {};
+  uint8_t bytes[kMaxAccessBytes] = {};
   toTargetBytes(value, bytes, size);
   process.write_mem(processAddress(address), 1, size, bytes);
 }
@@ -227,14 +226,14 @@ void Demo::memoryAndRegisters() {
   step("read 4 bytes at 0x1000", hexPadded(readValue(process, kScratch, kWord), 2 * kWord));
   writeValue(process, kScratch + 3, 0x5a, 1);
   step("write 1 byte 0x5a at 0x1003", "done");
-  step("read 8 bytes at 0x1000", hexPadded(readValue(process, kScratch, kDoubleWord), 2 * kDoubleWord));
+  step("read 8 bytes at 0x1000", hexPadded(readValue(process, kScratch, kMaxAccessBytes), 2 * kMaxAccessBytes));
 
   const uint64_t pc = 0x401000;
-  process.write_register("pc", 1, kDoubleWord, &pc);
+  process.write_register("pc", 1, kMaxAccessBytes, &pc);
   step("write register pc = 0x401000", "done");
   uint64_t value = 0;
-  process.read_register("pc", 1, kDoubleWord, &value);
-  step("read register pc", hexPadded(value, 2 * kDoubleWord));
+  process.read_register("pc", 1, kMaxAccessBytes, &value);
+  step("read register pc", hexPadded(value, 2 * kMaxAccessBytes));
 }
 
 void Demo::reservations() {
@@ -258,16 +257,16 @@ void Demo::oversizedAccess() {
   heading("An oversized access");
   say("The agent moves at most 8 bytes a call. Asked for 16, the plug-in moves the first 8 and\n"
       "logs a warning; it never splits the access. The buffer was filled with 0xee before.");
-  uint8_t buffer[2 * kDoubleWord];
+  uint8_t buffer[2 * kMaxAccessBytes];
   std::memset(buffer, 0xee, sizeof buffer);
   std::vector<std::string> logged;
   {
     LogRecorder recorder(kPluginLogger);
-    m_processA->read_mem(processAddress(kScratch), 2, kDoubleWord, buffer);
+    m_processA->read_mem(processAddress(kScratch), 2, kMaxAccessBytes, buffer);
     logged = recorder.lines();
   }
   step("read_mem 2 x 8 bytes at 0x1000",
-       hexBytes(buffer, kDoubleWord) + " | " + hexBytes(buffer + kDoubleWord, kDoubleWord));
+       hexBytes(buffer, kMaxAccessBytes) + " | " + hexBytes(buffer + kMaxAccessBytes, kMaxAccessBytes));
   if (logged.empty()) {
     step("logged on " + std::string(kPluginLogger), "nothing (the log configuration keeps its warnings out)");
   }

@@ -8,7 +8,8 @@
 
 namespace kvx::cli {
 
-/// The most bytes one access moves; every bulk transfer is cut into accesses of this size.
+/// The most bytes one access moves, and the widest register; every bulk transfer is cut into
+/// accesses of this size.
 constexpr unsigned kMaxAccessBytes = 8;
 
 /// `text` as decimal digits or as 0x (or 0X) and hex digits, nothing else: no sign, no blanks, no

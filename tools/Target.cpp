@@ -21,7 +21,6 @@ const char* const kProcessName = "kvx-ta";
 const char* const kAccessMethod = "KVX";
 /// What accesses name when the process announces no memory space; the process normally does.
 const char* const kFallbackMemorySpace = "logger";
-constexpr unsigned kRegisterBytes = 8;
 
 }  // namespace
 
@@ -91,17 +90,17 @@ void Target::write(uint64_t address, const uint8_t* bytes, unsigned size) {
 }
 
 uint64_t Target::readRegister(const std::string& name) {
-  uint8_t bytes[kRegisterBytes] = {};
-  if (!guarded([&] { return m_process->read_register(name, 1, kRegisterBytes, bytes); })) {
+  uint8_t bytes[kMaxAccessBytes] = {};
+  if (!guarded([&] { return m_process->read_register(name, 1, kMaxAccessBytes, bytes); })) {
     throw std::runtime_error("the plug-in did not read register " + name);
   }
-  return fromTargetBytes(bytes, kRegisterBytes);
+  return fromTargetBytes(bytes, kMaxAccessBytes);
 }
 
 void Target::writeRegister(const std::string& name, uint64_t value) {
-  uint8_t bytes[kRegisterBytes];
-  toTargetBytes(value, bytes, kRegisterBytes);
-  if (!guarded([&] { return m_process->write_register(name, 1, kRegisterBytes, bytes); })) {
+  uint8_t bytes[kMaxAccessBytes];
+  toTargetBytes(value, bytes, kMaxAccessBytes);
+  if (!guarded([&] { return m_process->write_register(name, 1, kMaxAccessBytes, bytes); })) {
     throw std::runtime_error("the plug-in did not write register " + name);
   }
 }
