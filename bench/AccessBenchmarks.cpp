@@ -37,7 +37,7 @@
 #include "platform/protocol/AgentProtocol.h"
 #include "vorn/ExtAddress.h"
 
-namespace bench {
+namespace kvx::bench {
 namespace {
 
 namespace protocol = kvx::protocol;
@@ -269,4 +269,4 @@ void BM_SwitchLoopback(benchmark::State& state) {
 BENCHMARK(BM_SwitchLoopback)->Name("BM_Switch/loopback");
 
 }  // namespace
-}  // namespace bench
+}  // namespace kvx::bench

@@ -7,7 +7,7 @@
 
 #include "agent/TargetAgent.h"
 
-namespace bench {
+namespace kvx::bench {
 namespace {
 
 /// The real library's entry points, filled once by bindRealAgent() and read-only after it.
@@ -53,10 +53,10 @@ bool bindRealAgent(std::string& error) {
 
 void setAgentMode(AgentMode mode) { g_mode.store(mode, std::memory_order_relaxed); }
 
-}  // namespace bench
+}  // namespace kvx::bench
 
-using bench::g_real;
-using bench::isNull;
+using kvx::bench::g_real;
+using kvx::bench::isNull;
 
 extern "C" {
 

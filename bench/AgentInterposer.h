@@ -9,7 +9,7 @@
 
 #include <string>
 
-namespace bench {
+namespace kvx::bench {
 
 enum class AgentMode {
   kNull,     ///< every call succeeds at once; reads store zeros
@@ -22,4 +22,4 @@ bool bindRealAgent(std::string& error);
 
 void setAgentMode(AgentMode mode);
 
-}  // namespace bench
+}  // namespace kvx::bench

@@ -9,7 +9,7 @@
 
 #include "sim/launch/SimulatorProcess.h"
 
-namespace bench {
+namespace kvx::bench {
 namespace {
 
 BenchEnvironment* g_current = nullptr;
@@ -52,4 +52,4 @@ void fail(benchmark::State& state, const std::string& message) {
 
 bool anyFailed() { return g_failed; }
 
-}  // namespace bench
+}  // namespace kvx::bench

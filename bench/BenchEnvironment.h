@@ -18,7 +18,7 @@ namespace kvx::launch {
 class SimulatorProcess;
 }
 
-namespace bench {
+namespace kvx::bench {
 
 using kvx::launch::Endpoint;
 
@@ -53,4 +53,4 @@ void fail(benchmark::State& state, const std::string& message);
 /// Whether any benchmark failed.
 bool anyFailed();
 
-}  // namespace bench
+}  // namespace kvx::bench

@@ -54,17 +54,17 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
 
   std::string error;
-  if (!bench::bindRealAgent(error)) {
+  if (!kvx::bench::bindRealAgent(error)) {
     std::cerr << "ta_kvx_bench: " << error << '\n';
     return 1;
   }
   try {
-    bench::BenchEnvironment environment(simCpu);
+    kvx::bench::BenchEnvironment environment(simCpu);
     benchmark::RunSpecifiedBenchmarks();
   } catch (const std::exception& e) {
     std::cerr << "ta_kvx_bench: " << e.what() << '\n';
     return 1;
   }
   benchmark::Shutdown();
-  return bench::anyFailed() ? 1 : 0;
+  return kvx::bench::anyFailed() ? 1 : 0;
 }

@@ -30,10 +30,10 @@
 namespace vorn {
 namespace {
 
+using kvx::test::at;
+using kvx::test::processFor;
+using kvx::test::read64;
 using kvx::test::SimProcess;
-using test::at;
-using test::processFor;
-using test::read64;
 
 /// How long an access may take: the reply timeout many times over, so that a slow sanitizer build
 /// never trips it, yet an access that waits forever fails the test instead of hanging it.
@@ -146,7 +146,7 @@ TEST(BadEndpointTest, ProcessesForUnusableEndpointsFailEveryAccessAndReachNoOthe
   auto goodProcess = processFor(good);
   for (const auto& c : cases) {
     const std::string context = std::string("case: ") + c.name;
-    const auto config = test::servedConfig(c.address, c.port);
+    const auto config = kvx::test::servedConfig(c.address, c.port);
     ASSERT_EQ(manager.registerClient(nullptr, config), TA_METHOD_SERVED) << context;
     auto process = manager.getTaProcess(c.name, config);
     ASSERT_TRUE(process) << context << ": a process is made without asking the agent";

@@ -36,7 +36,7 @@ namespace {
 
 using kvx::test::SimProcess;
 using Clock = std::chrono::steady_clock;
-using test::at;
+using kvx::test::at;
 
 constexpr int kAgents = 4;
 constexpr int kThreads = 8;
@@ -157,7 +157,7 @@ class SessionStressTest : public ::testing::Test {
     m_deadline = m_start + std::chrono::duration_cast<Clock::duration>(run);
   }
 
-  boost::shared_ptr<TaProcess> processFor(int agent) const { return test::processFor(*m_agents[agent]); }
+  boost::shared_ptr<TaProcess> processFor(int agent) const { return kvx::test::processFor(*m_agents[agent]); }
 
   /// `count` workers; the threads of one agent share one process.
   std::vector<Worker> makeWorkers(int count) const {
@@ -263,14 +263,14 @@ TEST_F(SessionStressTest, ProcessesComeAndGoOnOtherThreadsWhileOthersAccess) {
       try {
         while (!findings.any && Clock::now() < m_deadline) {
           const int agent = static_cast<int>(random() % kAgents);
-          const auto config = test::servedConfig(m_agents[agent]->address(), m_agents[agent]->port());
+          const auto config = kvx::test::servedConfig(m_agents[agent]->address(), m_agents[agent]->port());
           if (manager.registerClient(nullptr, config) != TA_METHOD_SERVED) {
             findings.add("admission refused a served block");
             return;
           }
           boost::shared_ptr<TaProcess> process = manager.getTaProcess("churn" + std::to_string(c), config);
           ++created;
-          if (test::read64(*process, kSentinel) != sentinelOf(agent)) {
+          if (kvx::test::read64(*process, kSentinel) != sentinelOf(agent)) {
             findings.add("a new process for agent " + std::to_string(agent) + " read another agent's memory");
             return;
           }

@@ -11,10 +11,10 @@
 /// One access through a process for (`address`, `port`); the session switch before it records
 /// the endpoint in the plug-in's statics whether or not an agent answers there.
 HOST_MODULE_API void hostModuleUse(const char* address, int port) {
-  auto config = vorn::test::servedConfig(address, static_cast<uint32_t>(port));
+  auto config = kvx::test::servedConfig(address, static_cast<uint32_t>(port));
   auto process = vorn::TaProcessManager::getInstance().getTaProcess("reload", config);
   try {
-    vorn::test::read64(*process, 0x1000);
+    kvx::test::read64(*process, 0x1000);
   } catch (const vorn::Exception&) {
     // Nothing listens there; the switch has happened all the same.
   }

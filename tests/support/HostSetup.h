@@ -15,28 +15,28 @@
 #include "vorn/ExtAddress.h"
 #include "vorn/TaProcess.h"
 
-namespace vorn::test {
+namespace kvx::test {
 
 /// A block that the manager serves, naming (`address`, `port`).
-inline boost::shared_ptr<ConfigBlock> servedConfig(const std::string& address, uint32_t port) {
-  auto config = boost::make_shared<ConfigBlock>();
-  config->setAttribute("TaType", boost::make_shared<StringAttribute>("KVX"));
-  config->setAttribute("ServerAddress", boost::make_shared<StringAttribute>(address));
-  config->setAttribute("ServerPort", boost::make_shared<UInt32Attribute>(port));
+inline boost::shared_ptr<vorn::ConfigBlock> servedConfig(const std::string& address, uint32_t port) {
+  auto config = boost::make_shared<vorn::ConfigBlock>();
+  config->setAttribute("TaType", boost::make_shared<vorn::StringAttribute>("KVX"));
+  config->setAttribute("ServerAddress", boost::make_shared<vorn::StringAttribute>(address));
+  config->setAttribute("ServerPort", boost::make_shared<vorn::UInt32Attribute>(port));
   return config;
 }
 
-inline boost::shared_ptr<TaProcess> processFor(const kvx::test::SimProcess& sim) {
-  return TaProcessManager::getInstance().getTaProcess("core", servedConfig(sim.address(), sim.port()));
+inline boost::shared_ptr<vorn::TaProcess> processFor(const SimProcess& sim) {
+  return vorn::TaProcessManager::getInstance().getTaProcess("core", servedConfig(sim.address(), sim.port()));
 }
 
-inline ExtAddress at(uint64_t address) { return ExtAddress{"logger", address}; }
+inline vorn::ExtAddress at(uint64_t address) { return vorn::ExtAddress{"logger", address}; }
 
 /// The 8 bytes at `address`; throws what read_mem throws.
-inline uint64_t read64(TaProcess& process, uint64_t address) {
+inline uint64_t read64(vorn::TaProcess& process, uint64_t address) {
   uint64_t value = 0;
   process.read_mem(at(address), 1, 8, &value);
   return value;
 }
 
-}  // namespace vorn::test
+}  // namespace kvx::test

@@ -16,7 +16,7 @@
 namespace vorn {
 namespace {
 
-using fake::Fn;
+using kvx::test::Fn;
 
 constexpr int kEndpoints = 4;
 constexpr int kThreads = 8;
@@ -31,7 +31,7 @@ uint64_t addressFor(int endpoint, int thread, int iteration) {
   return (uint64_t(endpoint) << 48) | (uint64_t(thread) << 32) | uint64_t(iteration);
 }
 
-int endpointOf(const fake::Call& call) {
+int endpointOf(const kvx::test::Call& call) {
   if (call.fn == Fn::RegWrite || call.fn == Fn::RegRead) {
     return call.text[1] - '0';
   }
@@ -40,7 +40,7 @@ int endpointOf(const fake::Call& call) {
 
 void expectEveryAccessReachedItsEndpoint() {
   size_t accesses = 0;
-  for (const fake::Call& call : fake::FakeAgent::instance().calls()) {
+  for (const kvx::test::Call& call : kvx::test::FakeAgent::instance().calls()) {
     if (call.fn != Fn::IoWrite && call.fn != Fn::IoRead && call.fn != Fn::RegWrite &&
         call.fn != Fn::RegRead) {
       continue;
@@ -58,7 +58,7 @@ class ConcurrencyTest : public ::testing::Test {
  protected:
   void SetUp() override {
     TaProcessKVX::m_sharedConnection = KVXConnection();
-    fake::FakeAgent::instance().reset();
+    kvx::test::FakeAgent::instance().reset();
   }
 
   /// Runs `body` on a new thread; an exception from it is counted, not fatal.

@@ -5,7 +5,7 @@
 
 #include "agent/TargetAgent.h"
 
-namespace fake {
+namespace kvx::test {
 
 size_t g_callsAtStartup = 0;
 
@@ -69,12 +69,12 @@ int32_t FakeAgent::recordLocked(Call call) {
   return status;
 }
 
-}  // namespace fake
+}  // namespace kvx::test
 
-using fake::Call;
-using fake::FakeAgent;
-using fake::Fn;
-using fake::Script;
+using kvx::test::Call;
+using kvx::test::FakeAgent;
+using kvx::test::Fn;
+using kvx::test::Script;
 
 namespace {
 

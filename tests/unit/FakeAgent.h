@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace fake {
+namespace kvx::test {
 
 enum class Fn {
   StartSession,
@@ -107,4 +107,4 @@ class FakeAgent {
 /// Number of agent calls made before main() started, i.e. while the libraries were loaded.
 extern size_t g_callsAtStartup;
 
-}  // namespace fake
+}  // namespace kvx::test

@@ -7,12 +7,12 @@
 namespace vorn {
 namespace {
 
-using fake::Fn;
+using kvx::test::Fn;
 
 class KVXConnectionTest : public ::testing::Test {
  protected:
   void SetUp() override { agent().reset(); }
-  static fake::FakeAgent& agent() { return fake::FakeAgent::instance(); }
+  static kvx::test::FakeAgent& agent() { return kvx::test::FakeAgent::instance(); }
 
   /// An active descriptor for (address, port), with the call log cleared afterwards.
   static KVXConnection opened(const std::string& address, int port) {

@@ -6,7 +6,7 @@ IMPLEMENT_LOG4CXX_OBJECT(RecordingAppender)
 
 void RecordingAppender::append(const log4cxx::spi::LoggingEventPtr& event, log4cxx::helpers::Pool&) {
   const auto& location = event->getLocationInformation();
-  testing_support::LogRecord record;
+  kvx::test::LogRecord record;
   record.level = event->getLevel()->toString();
   record.message = event->getRenderedMessage();
   record.fileName = location.getFileName();
@@ -16,12 +16,12 @@ void RecordingAppender::append(const log4cxx::spi::LoggingEventPtr& event, log4c
   m_records.push_back(std::move(record));
 }
 
-std::vector<testing_support::LogRecord> RecordingAppender::records() const {
+std::vector<kvx::test::LogRecord> RecordingAppender::records() const {
   std::lock_guard<std::mutex> lock(m_mutex);
   return m_records;
 }
 
-namespace testing_support {
+namespace kvx::test {
 
 LogCapture::LogCapture(const std::string& loggerName)
     : m_logger(log4cxx::Logger::getLogger(loggerName)),
@@ -37,4 +37,4 @@ LogCapture::~LogCapture() {
 
 void LogCapture::setLevel(const log4cxx::LevelPtr& level) { m_logger->setLevel(level); }
 
-}  // namespace testing_support
+}  // namespace kvx::test

@@ -13,7 +13,7 @@
 // log4cxx's class macros name helpers:: unqualified.
 namespace helpers = log4cxx::helpers;
 
-namespace testing_support {
+namespace kvx::test {
 
 /// What a record carried: level, message and the location of the logging statement.
 struct LogRecord {
@@ -24,7 +24,7 @@ struct LogRecord {
   int line = 0;
 };
 
-}  // namespace testing_support
+}  // namespace kvx::test
 
 /// Keeps every record it is given. In the global namespace because log4cxx's class macros
 /// expect to be used there.
@@ -40,14 +40,14 @@ class RecordingAppender : public log4cxx::AppenderSkeleton {
   void close() override {}
   void append(const log4cxx::spi::LoggingEventPtr& event, log4cxx::helpers::Pool&) override;
 
-  std::vector<testing_support::LogRecord> records() const;
+  std::vector<kvx::test::LogRecord> records() const;
 
  private:
   mutable std::mutex m_mutex;
-  std::vector<testing_support::LogRecord> m_records;
+  std::vector<kvx::test::LogRecord> m_records;
 };
 
-namespace testing_support {
+namespace kvx::test {
 
 class LogCapture {
  public:
@@ -66,4 +66,4 @@ class LogCapture {
   std::shared_ptr<RecordingAppender> m_appender;
 };
 
-}  // namespace testing_support
+}  // namespace kvx::test

@@ -20,8 +20,8 @@
 namespace vorn {
 namespace {
 
-using fake::Fn;
-using testing_support::LogCapture;
+using kvx::test::Fn;
+using kvx::test::LogCapture;
 
 const std::vector<Fn> kSwitch = {Fn::DestroySession, Fn::DestroySession, Fn::GetSockStatus, Fn::StartSession};
 
@@ -66,7 +66,7 @@ class TaProcessKVXTest : public ::testing::Test {
     agent().reset();
   }
 
-  static fake::FakeAgent& agent() { return fake::FakeAgent::instance(); }
+  static kvx::test::FakeAgent& agent() { return kvx::test::FakeAgent::instance(); }
 
   /// A process whose construction calls are already forgotten.
   static std::unique_ptr<TaProcessKVX> process(const std::string& address, int port) {
@@ -93,7 +93,7 @@ class TaProcessKVXTest : public ::testing::Test {
 
 // ---- Construction and lifecycle ----
 
-TEST_F(TaProcessKVXTest, LoadingTheLibraryMakesNoAgentCall) { EXPECT_EQ(fake::g_callsAtStartup, 0u); }
+TEST_F(TaProcessKVXTest, LoadingTheLibraryMakesNoAgentCall) { EXPECT_EQ(kvx::test::g_callsAtStartup, 0u); }
 
 TEST_F(TaProcessKVXTest, LifecycleAsksOnlyTheSocketAndNeverClosesTheSession) {
   ExtAddress::memorySpaceIds = {"physical", "virtual", "io"};
@@ -272,7 +272,7 @@ TEST_F(TaProcessKVXTest, ZeroBytesAreStillOneAgentCallEach) {
 
 TEST_F(TaProcessKVXTest, ReadMemCopiesExactlyTheBytesAskedForEvenOnFailure) {
   auto kvx = activeProcess();
-  agent().script([](fake::Script& s) { s.readBytes = {1, 2, 3, 4, 5, 6, 7, 8}; });
+  agent().script([](kvx::test::Script& s) { s.readBytes = {1, 2, 3, 4, 5, 6, 7, 8}; });
   std::array<uint8_t, 12> buffer;
   buffer.fill(0xee);
   EXPECT_TRUE(kvx->read_mem(at(0x40), 3, 1, buffer.data()));
@@ -300,7 +300,7 @@ TEST_F(TaProcessKVXTest, RegisterWritesAreFullWordsAndReadsGetTheCallersBuffer) 
   EXPECT_TRUE(kvx->write_register("sp", 10, 1, data));
   EXPECT_EQ(agent().calls().back().value, 0x060504030201bbaau);
 
-  agent().script([](fake::Script& s) { s.registerValue = 0x1122334455667788u; });
+  agent().script([](kvx::test::Script& s) { s.registerValue = 0x1122334455667788u; });
   uint64_t wide[2] = {0, 0xdead};
   EXPECT_TRUE(kvx->read_register("pc", 2, 8, wide));
   EXPECT_EQ(agent().calls().back().pointer, static_cast<const void*>(wide));
@@ -405,7 +405,7 @@ TEST_F(TaProcessKVXTest, RefusedAccessesThrowTheirMessageFromTheThrowingLine) {
 
 TEST_F(TaProcessKVXTest, ReservationsLabelPhysicalAndReportFailureAsFalse) {
   auto kvx = activeProcess();
-  agent().script([](fake::Script& s) { s.reservedAddress = 0x80001000; });
+  agent().script([](kvx::test::Script& s) { s.reservedAddress = 0x80001000; });
   ExtAddress block = at(0, "logger");
   EXPECT_TRUE(kvx->reserve_mem(256, block));
   EXPECT_EQ(block.memorySpace, "physical");

@@ -68,7 +68,7 @@ Block servedBlock(const std::string& address, uint32_t port) {
 
 class TaProcessManagerTest : public ::testing::Test {
  protected:
-  void SetUp() override { fake::FakeAgent::instance().reset(); }
+  void SetUp() override { kvx::test::FakeAgent::instance().reset(); }
   TaProcessManager& manager = TaProcessManager::getInstance();
 };
 
@@ -125,7 +125,7 @@ TEST_F(TaProcessManagerTest, AdmissionFollowsTheLookupOrderAndComparesExactly) {
     EXPECT_EQ(manager.unregisterClient("", c.config), c.expected) << "case: " << c.name;
     EXPECT_EQ(manager.unregisterClient("never registered", c.config), c.expected) << "case: " << c.name;
   }
-  EXPECT_EQ(fake::FakeAgent::instance().calls().size(), 0u) << "admission never reaches the agent";
+  EXPECT_EQ(kvx::test::FakeAgent::instance().calls().size(), 0u) << "admission never reaches the agent";
 }
 
 TEST_F(TaProcessManagerTest, TextTaTypeStopsTheLookupBeforeTheEnumeration) {
@@ -158,7 +158,8 @@ TEST_F(TaProcessManagerTest, EachServedCallGivesANewProcessOwnedByTheCallerAlone
   auto* kvx = dynamic_cast<TaProcessKVX*>(process.get());
   ASSERT_NE(kvx, nullptr);
   EXPECT_EQ(kvx->getLocalConnection(), KVXConnection("10.0.0.1", 4242));
-  EXPECT_EQ(fake::FakeAgent::instance().functions(), std::vector<fake::Fn>(4, fake::Fn::GetSockStatus))
+  EXPECT_EQ(kvx::test::FakeAgent::instance().functions(),
+            std::vector<kvx::test::Fn>(4, kvx::test::Fn::GetSockStatus))
       << "creation only asks the socket, twice a process";
 
   boost::weak_ptr<TaProcess> watch = process;

@@ -7,7 +7,7 @@
 
 int main(int argc, char** argv) {
   // Whatever the libraries did while they were loaded has happened by now.
-  fake::g_callsAtStartup = fake::FakeAgent::instance().calls().size();
+  kvx::test::g_callsAtStartup = kvx::test::FakeAgent::instance().calls().size();
   // Warnings are captured by the tests that expect them; keep the rest of the run quiet.
   log4cxx::Logger::getRootLogger()->setLevel(log4cxx::Level::getOff());
   testing::InitGoogleTest(&argc, argv);
