@@ -27,6 +27,12 @@ bool isResourceShortage(const boost::system::error_code& error) {
          error == errc::no_buffer_space || error == errc::not_enough_memory;
 }
 
+/// The endpoint for a numeric address or host name: the resolver's first answer.
+tcp::endpoint bindEndpoint(boost::asio::io_context& ioContext, const std::string& host, uint16_t port) {
+  tcp::resolver resolver(ioContext);
+  return *resolver.resolve(host, std::to_string(port), tcp::resolver::numeric_service).begin();
+}
+
 }  // namespace
 
 Server::Server(SimOptions options)
@@ -37,7 +43,7 @@ Server::Server(SimOptions options)
       m_acceptor(m_ioContext),
       m_acceptPause(m_ioContext) {
   try {
-    const tcp::endpoint endpoint(boost::asio::ip::make_address(m_options.bindAddress), m_options.port);
+    const tcp::endpoint endpoint = bindEndpoint(m_ioContext, m_options.bindAddress, m_options.port);
     m_acceptor.open(endpoint.protocol());
     // Lets a restarted simulator take its port back at once, past the old connections' TIME_WAIT.
     m_acceptor.set_option(tcp::acceptor::reuse_address(true));

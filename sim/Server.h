@@ -17,8 +17,9 @@ namespace kvx::sim {
 
 class Server {
  public:
-  /// Binds and listens. Throws std::exception (e.g. boost::system::system_error for an address in
-  /// use, std::invalid_argument for a bad reservation region) when that is impossible.
+  /// Resolves the bind address (a host name gives its first address), binds and listens. Throws
+  /// std::exception when that is impossible: std::runtime_error naming the address for one in use
+  /// or a name that does not resolve, std::invalid_argument for a bad reservation region.
   explicit Server(SimOptions options);
 
   Server(const Server&) = delete;
