@@ -3,14 +3,21 @@
 # Idempotent, and silent when everything is present. Run as root (or with sudo available).
 set -euo pipefail
 
+# Every program that the build, the tests and the scripts run comes from one of these; a minimal
+# Debian system has the rest (bash, coreutils, sed, grep, mawk, findutils, tar, dpkg).
 packages=(
-  g++ clang lld cmake ninja-build pkg-config
+  # compilers and build tools; clang and its runtime for the fuzzers
+  g++ clang lld cmake ninja-build pkg-config libclang-rt-14-dev
+  # libraries
   libboost-dev libboost-thread-dev libboost-system-dev libboost-program-options-dev
   liblog4cxx-dev
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
-  libclang-rt-14-dev
-  python3 dpkg-dev
+  # packaging tests: CPack's Depends line needs dpkg-shlibdeps (dpkg-dev) and file; the tests
+  # read dynamic sections with readelf (binutils)
+  dpkg-dev file binutils
+  # hand checks, such as scripted client connections to the simulator; no test runs it
+  python3
 )
 
 missing=()

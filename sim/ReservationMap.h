@@ -18,10 +18,12 @@ class ReservationMap {
   ReservationMap(uint64_t base, uint64_t size);
 
   /// Reserves the lowest free block of at least `size` bytes and stores its address. Refuses a
-  /// size of 0 (kInvalidArgument) and a size that no free block can take (kNoSpace).
+  /// size of 0 (kInvalidArgument) and a size that no free block can take (kNoSpace), which
+  /// includes any size that would round up past 2^64. `address` is left alone on refusal.
   protocol::ReplyStatus reserve(uint64_t size, uint64_t& address);
 
-  /// Releases the block that starts at `address`; kNotReserved for any other address.
+  /// Releases the block that starts at `address`; kNotReserved for any other address, those
+  /// outside the region included.
   protocol::ReplyStatus release(uint64_t address);
 
   /// Releases every block.

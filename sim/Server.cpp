@@ -1,5 +1,6 @@
 #include "sim/Server.h"
 
+#include <chrono>
 #include <csignal>
 #include <iostream>
 #include <memory>
@@ -13,14 +14,36 @@ namespace kvx::sim {
 
 using boost::asio::ip::tcp;
 
+namespace {
+
+/// How long accepting pauses when the system is short of descriptors or memory.
+constexpr std::chrono::milliseconds kAcceptPause(100);
+
+/// Errors that a retry right away would only meet again, at full speed: they last until some
+/// descriptor or buffer is freed.
+bool isResourceShortage(const boost::system::error_code& error) {
+  namespace errc = boost::system::errc;
+  return error == errc::too_many_files_open || error == errc::too_many_files_open_in_system ||
+         error == errc::no_buffer_space || error == errc::not_enough_memory;
+}
+
+/// The endpoint for a numeric address or host name: the resolver's first answer.
+tcp::endpoint bindEndpoint(boost::asio::io_context& ioContext, const std::string& host, uint16_t port) {
+  tcp::resolver resolver(ioContext);
+  return *resolver.resolve(host, std::to_string(port), tcp::resolver::numeric_service).begin();
+}
+
+}  // namespace
+
 Server::Server(SimOptions options)
     : m_options(std::move(options)),
       m_log(m_options.quiet),
       m_handler(m_options),
       m_signals(m_ioContext, SIGINT, SIGTERM),
-      m_acceptor(m_ioContext) {
+      m_acceptor(m_ioContext),
+      m_acceptPause(m_ioContext) {
   try {
-    const tcp::endpoint endpoint(boost::asio::ip::make_address(m_options.bindAddress), m_options.port);
+    const tcp::endpoint endpoint = bindEndpoint(m_ioContext, m_options.bindAddress, m_options.port);
     m_acceptor.open(endpoint.protocol());
     // Lets a restarted simulator take its port back at once, past the old connections' TIME_WAIT.
     m_acceptor.set_option(tcp::acceptor::reuse_address(true));
@@ -46,11 +69,34 @@ void Server::run() {
 void Server::doAccept() {
   m_acceptor.async_accept([this](const boost::system::error_code& error, tcp::socket socket) {
     if (!m_acceptor.is_open()) return;
-    if (!error) {
-      std::make_shared<Connection>(std::move(socket), m_handler, m_options, m_log)->start();
-    } else {
-      m_log.line("accept failed: ", error.message());
+    if (isResourceShortage(error)) {
+      pauseAccepting(error);
+      return;
     }
+    if (error) {
+      // The failure concerns one would-be client, such as one that gave up while queued.
+      m_log.line("accept failed: ", error.message());
+    } else {
+      if (m_acceptPaused) {
+        m_acceptPaused = false;
+        m_log.line("accepting connections again");
+      }
+      std::make_shared<Connection>(std::move(socket), m_handler, m_options, m_log)->start();
+    }
+    doAccept();
+  });
+}
+
+void Server::pauseAccepting(const boost::system::error_code& error) {
+  // One line per shortage, not one per retry: the retries of a long one would flood the log.
+  if (!m_acceptPaused) {
+    m_acceptPaused = true;
+    m_log.line("accept failed: ", error.message(), "; pausing until descriptors free up");
+  }
+  // Clients already connected go on being served meanwhile; closing theirs frees descriptors.
+  m_acceptPause.expires_after(kAcceptPause);
+  m_acceptPause.async_wait([this](const boost::system::error_code& waitError) {
+    if (waitError || !m_acceptor.is_open()) return;
     doAccept();
   });
 }

@@ -1,11 +1,13 @@
 // The simulated target agent's server: listens on one TCP endpoint, accepts any number of
 // clients and serves them all, on the calling thread, against one shared target, until SIGINT or
-// SIGTERM arrives.
+// SIGTERM arrives. Out of descriptors or memory it stops accepting for a while and keeps serving
+// the clients it has.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include "sim/Log.h"
 #include "sim/RequestHandler.h"
@@ -15,8 +17,9 @@ namespace kvx::sim {
 
 class Server {
  public:
-  /// Binds and listens. Throws std::exception (e.g. boost::system::system_error for an address in
-  /// use, std::invalid_argument for a bad reservation region) when that is impossible.
+  /// Resolves the bind address (a host name gives its first address), binds and listens. Throws
+  /// std::exception when that is impossible: std::runtime_error naming the address for one in use
+  /// or a name that does not resolve, std::invalid_argument for a bad reservation region.
   explicit Server(SimOptions options);
 
   Server(const Server&) = delete;
@@ -27,6 +30,9 @@ class Server {
 
  private:
   void doAccept();
+  /// After an accept failed for want of descriptors or memory: logs that once per shortage and
+  /// accepts again after a pause rather than at once.
+  void pauseAccepting(const boost::system::error_code& error);
   void awaitStop();
 
   SimOptions m_options;
@@ -35,6 +41,8 @@ class Server {
   boost::asio::io_context m_ioContext;
   boost::asio::signal_set m_signals;
   boost::asio::ip::tcp::acceptor m_acceptor;
+  boost::asio::steady_timer m_acceptPause;
+  bool m_acceptPaused = false;  ///< an accept has failed for want of resources, none succeeded since
 };
 
 }  // namespace kvx::sim

@@ -50,7 +50,9 @@ int main(int argc, char** argv) {
   // clang-format off
   described.add_options()
     ("help,h", "print this help and exit")
-    ("bind", po::value<std::string>()->default_value("127.0.0.1"), "address to listen on (IPv4 or IPv6)")
+    ("version", "print the version and exit")
+    ("bind", po::value<std::string>()->default_value("127.0.0.1"),
+     "IPv4 or IPv6 address to listen on, or a host name: its first address")
     ("port", po::value<std::string>()->default_value("0"), "port to listen on; 0 picks a free one")
     ("memory-limit", po::value<std::string>()->default_value("67108864"),
      "most bytes of target memory held; writes needing more are refused")
@@ -66,14 +68,27 @@ int main(int argc, char** argv) {
 
   kvx::sim::SimOptions options;
   try {
+    const po::parsed_options parsed = po::parse_command_line(argc, argv, described);
+    // The parser keeps positional arguments without storing them; one here is most likely a
+    // port, which must not be ignored in favour of a random one.
+    const std::vector<std::string> positional =
+        po::collect_unrecognized(parsed.options, po::include_positional);
+    if (!positional.empty()) {
+      throw std::invalid_argument("unexpected argument '" + positional.front() +
+                                  "': kvx-agent-sim takes options only, and the port goes with --port");
+    }
     po::variables_map values;
-    po::store(po::parse_command_line(argc, argv, described), values);
+    po::store(parsed, values);
     po::notify(values);
     if (values.count("help")) {
       std::cout << "Usage: kvx-agent-sim [options]\n"
                 << "Serves a simulated target over the agent protocol and prints\n"
                 << "\"listening on ADDRESS:PORT\" once ready. Numbers are decimal or 0x hexadecimal.\n\n"
                 << described;
+      return EXIT_SUCCESS;
+    }
+    if (values.count("version")) {
+      std::cout << "kvx-agent-sim " << KVX_AGENT_SIM_VERSION << '\n';
       return EXIT_SUCCESS;
     }
     options.bindAddress = values["bind"].as<std::string>();
