@@ -7,7 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "sim/launch/SimulatorProcess.h"
+#include "common/SimulatorProcess.h"
 
 namespace kvx::bench {
 namespace {
@@ -16,9 +16,9 @@ BenchEnvironment* g_current = nullptr;
 std::atomic<bool> g_failed{false};
 
 /// --quiet: a line per connection on stderr would land in the middle of the results.
-std::unique_ptr<kvx::launch::SimulatorProcess> startSimulator(std::optional<int> cpu) {
-  auto sim = std::make_unique<kvx::launch::SimulatorProcess>(
-      kvx::launch::SimulatorProcess::besideThisProgram(), std::vector<std::string>{"--quiet"});
+std::unique_ptr<kvx::common::SimulatorProcess> startSimulator(std::optional<int> cpu) {
+  auto sim = std::make_unique<kvx::common::SimulatorProcess>(
+      kvx::common::SimulatorProcess::besideThisProgram(), std::vector<std::string>{"--quiet"});
   if (cpu) {
     cpu_set_t set;
     CPU_ZERO(&set);

@@ -12,15 +12,15 @@
 #include <optional>
 #include <string>
 
-#include "sim/launch/Endpoint.h"
+#include "common/Endpoint.h"
 
-namespace kvx::launch {
+namespace kvx::common {
 class SimulatorProcess;
 }
 
 namespace kvx::bench {
 
-using kvx::launch::Endpoint;
+using kvx::common::Endpoint;
 
 class BenchEnvironment {
  public:
@@ -40,8 +40,8 @@ class BenchEnvironment {
   const Endpoint& secondAgent() const { return m_second; }
 
  private:
-  std::unique_ptr<kvx::launch::SimulatorProcess> m_firstSim;
-  std::unique_ptr<kvx::launch::SimulatorProcess> m_secondSim;
+  std::unique_ptr<kvx::common::SimulatorProcess> m_firstSim;
+  std::unique_ptr<kvx::common::SimulatorProcess> m_secondSim;
   Endpoint m_first;
   Endpoint m_second;
 };

@@ -1,6 +1,5 @@
 // kvx-agent-sim: a simulated target agent for tests, demos and benchmarks of the agent client.
 
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -12,6 +11,7 @@
 
 #include <boost/program_options.hpp>
 
+#include "common/Numbers.h"
 #include "sim/Server.h"
 #include "sim/SimOptions.h"
 
@@ -23,16 +23,16 @@ constexpr int kUsageError = 2;
 
 /// Decimal, or hexadecimal after "0x"; the whole text must be a number that fits 64 bits.
 uint64_t parseNumber(const std::string& text, const char* what) {
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  const std::string digits = hex ? text.substr(2) : text;
-  const char* allowed = hex ? "0123456789abcdefABCDEF" : "0123456789";
-  if (digits.empty() || digits.find_first_not_of(allowed) != std::string::npos) {
-    throw std::invalid_argument(std::string("bad ") + what + ": " + text);
+  uint64_t value = 0;
+  switch (kvx::common::parseUnsigned(text, value)) {
+    case kvx::common::NumberError::kNone:
+      return value;
+    case kvx::common::NumberError::kTooLarge:
+      throw std::invalid_argument(std::string("bad ") + what + ": out of range: " + text);
+    case kvx::common::NumberError::kMalformed:
+      break;
   }
-  errno = 0;
-  const uint64_t value = std::strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
-  if (errno == ERANGE) throw std::invalid_argument(std::string("bad ") + what + ": out of range: " + text);
-  return value;
+  throw std::invalid_argument(std::string("bad ") + what + ": " + text);
 }
 
 /// "START:LENGTH", each a number as parseNumber() takes it.

@@ -78,7 +78,7 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   if (values.count("server") != 0) {
     const std::string server = values["server"].as<std::string>();
     std::string why;
-    invocation.server = launch::Endpoint::parse(server, why);
+    invocation.server = common::Endpoint::parse(server, why);
     if (!invocation.server) {
       throw UsageError("invalid server '" + server + "' (" + why + ")");
     }

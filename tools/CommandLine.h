@@ -8,14 +8,14 @@
 
 #include <boost/program_options/options_description.hpp>
 
-#include "sim/launch/Endpoint.h"
+#include "common/Endpoint.h"
 
 namespace kvx::cli {
 
 /// What the user asked for, before anything is checked against a command.
 struct Invocation {
   /// The agent named by --server; none means "start an embedded simulator".
-  std::optional<launch::Endpoint> server;
+  std::optional<common::Endpoint> server;
   /// --log-config; empty means log4cxx's own lookup, then the stderr default.
   std::string logConfig;
   bool help = false;

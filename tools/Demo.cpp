@@ -19,8 +19,8 @@
 
 #include "agent/TaProcessKVX.h"
 #include "client/TargetConfig_TaProcessClient.h"
+#include "common/SimulatorProcess.h"
 #include "manager/TaProcessManager.h"
-#include "sim/launch/SimulatorProcess.h"
 #include "tools/Numbers.h"
 #include "tools/Target.h"
 #include "vorn/ConfigBlock.h"
@@ -123,7 +123,7 @@ std::string openSession() {
   if (shared.getTargetPort() < 0) {
     return "none";
   }
-  return launch::Endpoint{shared.getTargetAddress(), shared.getTargetPort()}.text();
+  return common::Endpoint{shared.getTargetAddress(), shared.getTargetPort()}.text();
 }
 
 std::string hexBytes(const uint8_t* bytes, size_t count) {
@@ -159,9 +159,9 @@ Demo::Demo(std::string simulatorPath, std::ostream& out)
 Demo::~Demo() = default;
 
 void Demo::run() {
-  m_agentA = std::make_unique<launch::SimulatorProcess>(
+  m_agentA = std::make_unique<common::SimulatorProcess>(
       m_simulatorPath, std::vector<std::string>{"--quiet", "--deny", kDeniedRange});
-  m_agentB = std::make_unique<launch::SimulatorProcess>(m_simulatorPath, std::vector<std::string>{"--quiet"});
+  m_agentB = std::make_unique<common::SimulatorProcess>(m_simulatorPath, std::vector<std::string>{"--quiet"});
   m_out << "kvx-ta demo: a guided tour of the KVX target-access plug-in, as a debugger host uses it.\n"
         << "Two simulated agents run for it: A on " << m_agentA->endpoint().text() << " and B on "
         << m_agentB->endpoint().text() << ".\n";
@@ -184,7 +184,7 @@ void Demo::admission() {
       "whether the plug-in serves the access method the block names.");
   vorn::TaProcessManager& manager = vorn::TaProcessManager::getInstance();
   auto client = boost::make_shared<vorn::TargetConfig_TaProcessClient>();
-  const launch::Endpoint& a = m_agentA->endpoint();
+  const common::Endpoint& a = m_agentA->endpoint();
 
   step("TaType \"KVX\", ServerAddress, ServerPort",
        answerText(manager.registerClient(client, Target::configFor(a))));
@@ -226,7 +226,8 @@ void Demo::memoryAndRegisters() {
   step("read 4 bytes at 0x1000", hexPadded(readValue(process, kScratch, kWord), 2 * kWord));
   writeValue(process, kScratch + 3, 0x5a, 1);
   step("write 1 byte 0x5a at 0x1003", "done");
-  step("read 8 bytes at 0x1000", hexPadded(readValue(process, kScratch, kMaxAccessBytes), 2 * kMaxAccessBytes));
+  step("read 8 bytes at 0x1000",
+       hexPadded(readValue(process, kScratch, kMaxAccessBytes), 2 * kMaxAccessBytes));
 
   const uint64_t pc = 0x401000;
   process.write_register("pc", 1, kMaxAccessBytes, &pc);

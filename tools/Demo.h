@@ -14,9 +14,9 @@ namespace vorn {
 class TaProcessKVX;
 }  // namespace vorn
 
-namespace kvx::launch {
+namespace kvx::common {
 class SimulatorProcess;
-}  // namespace kvx::launch
+}  // namespace kvx::common
 
 namespace kvx::cli {
 
@@ -49,8 +49,8 @@ class Demo {
   std::string m_simulatorPath;
   std::ostream& m_out;
   int m_section = 0;
-  std::unique_ptr<launch::SimulatorProcess> m_agentA;
-  std::unique_ptr<launch::SimulatorProcess> m_agentB;
+  std::unique_ptr<common::SimulatorProcess> m_agentA;
+  std::unique_ptr<common::SimulatorProcess> m_agentB;
   boost::shared_ptr<vorn::TaProcessKVX> m_processA;
 };
 

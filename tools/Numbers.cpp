@@ -1,56 +1,28 @@
 #include "tools/Numbers.h"
 
-#include <cctype>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <limits>
 
+#include "common/Numbers.h"
 #include "tools/UsageError.h"
 
 namespace kvx::cli {
-namespace {
 
-enum class Parse { kOk, kMalformed, kTooLarge };
-
-Parse parse(const std::string& text, uint64_t& value) {
-  const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  const std::string digits = hex ? text.substr(2) : text;
-  if (digits.empty()) {
-    return Parse::kMalformed;
-  }
-  // strtoull alone would take blanks, a sign and a second 0x; only digits get through to it.
-  for (const char c : digits) {
-    const bool ok = hex ? std::isxdigit(static_cast<unsigned char>(c)) != 0 : (c >= '0' && c <= '9');
-    if (!ok) {
-      return Parse::kMalformed;
-    }
-  }
-  errno = 0;
-  const unsigned long long result = std::strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
-  if (errno == ERANGE) {
-    return Parse::kTooLarge;
-  }
-  static_assert(sizeof result == sizeof value, "unsigned long long is 64 bits");
-  value = result;
-  return Parse::kOk;
+bool parseUnsigned(const std::string& text, uint64_t& value) {
+  return common::parseUnsigned(text, value) == common::NumberError::kNone;
 }
-
-}  // namespace
-
-bool parseUnsigned(const std::string& text, uint64_t& value) { return parse(text, value) == Parse::kOk; }
 
 uint64_t parseNumber(const std::string& text, const std::string& what) {
   uint64_t value = 0;
-  switch (parse(text, value)) {
-    case Parse::kOk:
+  switch (common::parseUnsigned(text, value)) {
+    case common::NumberError::kNone:
       return value;
-    case Parse::kTooLarge:
+    case common::NumberError::kTooLarge:
       throw UsageError("invalid " + what + " '" + text + "' (more than 64 bits)");
-    case Parse::kMalformed:
+    case common::NumberError::kMalformed:
       break;
   }
-  throw UsageError("invalid " + what + " '" + text + "' (decimal, or hex with 0x)");
+  throw UsageError("invalid " + what + " '" + text + "' (decimal without leading zeros, or hex with 0x)");
 }
 
 unsigned parseAccessSize(const std::string& text) {

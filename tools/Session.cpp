@@ -3,12 +3,12 @@
 #include <iostream>
 #include <utility>
 
-#include "sim/launch/SimulatorProcess.h"
+#include "common/SimulatorProcess.h"
 #include "tools/Target.h"
 
 namespace kvx::cli {
 
-Session::Session(std::optional<launch::Endpoint> server, std::string simulatorPath)
+Session::Session(std::optional<common::Endpoint> server, std::string simulatorPath)
     : m_server(std::move(server)), m_simulatorPath(std::move(simulatorPath)) {}
 
 Session::~Session() {
@@ -18,12 +18,12 @@ Session::~Session() {
 
 Target& Session::target() {
   if (!m_target) {
-    launch::Endpoint endpoint;
+    common::Endpoint endpoint;
     if (m_server) {
       endpoint = *m_server;
     } else {
       m_embedded =
-          std::make_unique<launch::SimulatorProcess>(m_simulatorPath, std::vector<std::string>{"--quiet"});
+          std::make_unique<common::SimulatorProcess>(m_simulatorPath, std::vector<std::string>{"--quiet"});
       endpoint = m_embedded->endpoint();
       std::cerr << "kvx-ta: started kvx-agent-sim on " << endpoint.text() << std::endl;
     }

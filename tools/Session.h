@@ -10,11 +10,11 @@
 #include <optional>
 #include <string>
 
-#include "sim/launch/Endpoint.h"
+#include "common/Endpoint.h"
 
-namespace kvx::launch {
+namespace kvx::common {
 class SimulatorProcess;
-}  // namespace kvx::launch
+}  // namespace kvx::common
 
 namespace kvx::cli {
 
@@ -24,7 +24,7 @@ class Session {
  public:
   /// `server` is the agent to use; without one, the first use of target() starts the simulator
   /// at `simulatorPath` and announces it on stderr.
-  Session(std::optional<launch::Endpoint> server, std::string simulatorPath);
+  Session(std::optional<common::Endpoint> server, std::string simulatorPath);
   /// Closes the target, then stops the simulator.
   ~Session();
 
@@ -40,10 +40,10 @@ class Session {
   const std::string& simulatorPath() const { return m_simulatorPath; }
 
  private:
-  std::optional<launch::Endpoint> m_server;
+  std::optional<common::Endpoint> m_server;
   std::string m_simulatorPath;
   // Declared in this order so that the target goes before the agent it talks to.
-  std::unique_ptr<launch::SimulatorProcess> m_embedded;
+  std::unique_ptr<common::SimulatorProcess> m_embedded;
   std::unique_ptr<Target> m_target;
 };
 

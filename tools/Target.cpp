@@ -24,7 +24,7 @@ const char* const kFallbackMemorySpace = "logger";
 
 }  // namespace
 
-Target::Target(const launch::Endpoint& endpoint)
+Target::Target(const common::Endpoint& endpoint)
     : m_endpoint(endpoint),
       m_config(configFor(endpoint)),
       m_client(boost::make_shared<vorn::TargetConfig_TaProcessClient>()) {
@@ -51,7 +51,7 @@ Target::Target(const launch::Endpoint& endpoint)
 
 Target::~Target() { vorn::TaProcessManager::getInstance().unregisterClient(m_client->getUUID(), m_config); }
 
-boost::shared_ptr<vorn::ConfigBlock> Target::configFor(const launch::Endpoint& endpoint) {
+boost::shared_ptr<vorn::ConfigBlock> Target::configFor(const common::Endpoint& endpoint) {
   auto config = boost::make_shared<vorn::ConfigBlock>();
   config->setAttribute("TaType", boost::make_shared<vorn::StringAttribute>(kAccessMethod));
   config->setAttribute("ServerAddress", boost::make_shared<vorn::StringAttribute>(endpoint.host));

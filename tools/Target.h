@@ -11,7 +11,7 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "sim/launch/Endpoint.h"
+#include "common/Endpoint.h"
 
 namespace vorn {
 class ConfigBlock;
@@ -25,7 +25,7 @@ class Target {
  public:
   /// Admits a configuration for `endpoint`, obtains its process and opens its agent session.
   /// Throws std::runtime_error when the plug-in declines or no session can be opened.
-  explicit Target(const launch::Endpoint& endpoint);
+  explicit Target(const common::Endpoint& endpoint);
   /// Unregisters the client. Makes no agent call: the session closes with the program.
   ~Target();
 
@@ -34,7 +34,7 @@ class Target {
 
   /// The configuration a host hands the plug-in for an agent at `endpoint`: TaType "KVX",
   /// ServerAddress and ServerPort.
-  static boost::shared_ptr<vorn::ConfigBlock> configFor(const launch::Endpoint& endpoint);
+  static boost::shared_ptr<vorn::ConfigBlock> configFor(const common::Endpoint& endpoint);
 
   // Target memory, in the memory space the process announces. One call is one access of `size`
   // bytes (1 to 8), bytes in target memory order. A refusal or a lost agent throws
@@ -52,7 +52,7 @@ class Target {
   void unreserve(uint64_t address);
   void unreserveAll();
 
-  const launch::Endpoint& endpoint() const { return m_endpoint; }
+  const common::Endpoint& endpoint() const { return m_endpoint; }
 
  private:
   /// Reservations act on whichever session the agent library has open and never open one
@@ -67,7 +67,7 @@ class Target {
   /// The error of a reservation operation that failed, saying whether the agent refused or is gone.
   std::runtime_error reservationFailure(const std::string& what);
 
-  launch::Endpoint m_endpoint;
+  common::Endpoint m_endpoint;
   boost::shared_ptr<vorn::ConfigBlock> m_config;
   boost::shared_ptr<vorn::TargetConfig_TaProcessClient> m_client;
   boost::shared_ptr<vorn::TaProcessKVX> m_process;

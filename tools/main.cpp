@@ -4,7 +4,7 @@
 #include <exception>
 #include <iostream>
 
-#include "sim/launch/SimulatorProcess.h"
+#include "common/SimulatorProcess.h"
 #include "tools/CommandLine.h"
 #include "tools/Commands.h"
 #include "tools/Help.h"
@@ -36,7 +36,7 @@ int run(int argc, const char* const argv[]) {
   const Action action =
       Commands::parse(invocation.command, invocation.arguments, Commands::Context::kCommandLine);
   Logging::configure(invocation.logConfig);
-  Session session(invocation.server, kvx::launch::SimulatorProcess::besideThisProgram());
+  Session session(invocation.server, kvx::common::SimulatorProcess::besideThisProgram());
   action(session);
   return 0;
 }

@@ -10,11 +10,11 @@
 #include <utility>
 #include <vector>
 
-#include "sim/launch/SimulatorProcess.h"
+#include "common/SimulatorProcess.h"
 
 namespace kvx::test {
 
-class SimProcess : public launch::SimulatorProcess {
+class SimProcess : public common::SimulatorProcess {
  public:
   explicit SimProcess(std::vector<std::string> options = {})
       : SimulatorProcess(TA_KVX_SIM_PATH, std::move(options)) {}

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace kvx::launch {
+namespace kvx::common {
 
 struct Endpoint {
   /// As the agent library takes it: an IPv6 address without brackets.
@@ -20,4 +20,4 @@ struct Endpoint {
   static std::optional<Endpoint> parse(const std::string& text, std::string& why);
 };
 
-}  // namespace kvx::launch
+}  // namespace kvx::common

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "sim/launch/Endpoint.h"
+#include "common/Endpoint.h"
 
-namespace kvx::launch {
+namespace kvx::common {
 
 class SimulatorProcess {
  public:
@@ -62,4 +62,4 @@ class SimulatorProcess {
   Endpoint m_endpoint;
 };
 
-}  // namespace kvx::launch
+}  // namespace kvx::common

@@ -1,4 +1,4 @@
-#include "sim/launch/SimulatorProcess.h"
+#include "common/SimulatorProcess.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <thread>
 
-namespace kvx::launch {
+namespace kvx::common {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -173,4 +173,4 @@ std::string SimulatorProcess::besideThisProgram() {
   return self.substr(0, self.rfind('/') + 1) + "kvx-agent-sim";
 }
 
-}  // namespace kvx::launch
+}  // namespace kvx::common

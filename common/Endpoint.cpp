@@ -1,8 +1,8 @@
-#include "sim/launch/Endpoint.h"
+#include "common/Endpoint.h"
 
 #include <cstdlib>
 
-namespace kvx::launch {
+namespace kvx::common {
 
 std::string Endpoint::text() const {
   const bool ipv6 = host.find(':') != std::string::npos;
@@ -48,4 +48,4 @@ std::optional<Endpoint> Endpoint::parse(const std::string& text, std::string& wh
   return Endpoint{host, static_cast<int>(number)};
 }
 
-}  // namespace kvx::launch
+}  // namespace kvx::common
