@@ -1,7 +1,14 @@
 #include "sim/Server.h"
 
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -9,6 +16,8 @@
 #include <utility>
 
 #include "sim/Connection.h"
+
+extern char** environ;
 
 namespace kvx::sim {
 
@@ -41,7 +50,8 @@ Server::Server(SimOptions options)
       m_handler(m_options),
       m_signals(m_ioContext, SIGINT, SIGTERM),
       m_acceptor(m_ioContext),
-      m_acceptPause(m_ioContext) {
+      m_acceptPause(m_ioContext),
+      m_childExit(m_ioContext, SIGCHLD) {
   try {
     const tcp::endpoint endpoint = bindEndpoint(m_ioContext, m_options.bindAddress, m_options.port);
     m_acceptor.open(endpoint.protocol());
@@ -49,6 +59,8 @@ Server::Server(SimOptions options)
     m_acceptor.set_option(tcp::acceptor::reuse_address(true));
     m_acceptor.bind(endpoint);
     m_acceptor.listen();
+    // The command, if any, must not hold the port open after the server ends.
+    ::fcntl(m_acceptor.native_handle(), F_SETFD, FD_CLOEXEC);
   } catch (const boost::system::system_error& error) {
     throw std::runtime_error("cannot listen on " + m_options.bindAddress + " port " +
                              std::to_string(m_options.port) + ": " + error.code().message());
@@ -57,13 +69,47 @@ Server::Server(SimOptions options)
   doAccept();
 }
 
-void Server::run() {
-  const tcp::endpoint local = m_acceptor.local_endpoint();
-  const boost::asio::ip::address address = local.address();
-  // Brackets keep an IPv6 address apart from the port; readers take the port after the last ':'.
-  std::cout << "listening on " << (address.is_v6() ? "[" : "") << address.to_string()
-            << (address.is_v6() ? "]" : "") << ':' << local.port() << std::endl;
+int Server::run() {
+  if (!m_options.command.empty()) {
+    runCommand();
+  } else {
+    const tcp::endpoint local = m_acceptor.local_endpoint();
+    const boost::asio::ip::address address = local.address();
+    // Brackets keep an IPv6 address apart from the port; readers take the port after the last ':'.
+    std::cout << "listening on " << (address.is_v6() ? "[" : "") << address.to_string()
+              << (address.is_v6() ? "]" : "") << ':' << local.port() << std::endl;
+  }
   m_ioContext.run();
+  return m_commandStatus;
+}
+
+void Server::runCommand() {
+  const tcp::endpoint local = m_acceptor.local_endpoint();
+  ::setenv("KVX_AGENT_ADDRESS", local.address().to_string().c_str(), 1);
+  ::setenv("KVX_AGENT_PORT", std::to_string(local.port()).c_str(), 1);
+  std::vector<char*> argv;
+  for (std::string& argument : m_options.command) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  const int error = ::posix_spawnp(&m_command, argv[0], nullptr, nullptr, argv.data(), environ);
+  if (error != 0) {
+    throw std::runtime_error("cannot run '" + m_options.command.front() + "': " + std::strerror(error));
+  }
+  awaitCommandExit();
+}
+
+void Server::awaitCommandExit() {
+  m_childExit.async_wait([this](const boost::system::error_code& error, int) {
+    if (error) return;
+    int status = 0;
+    if (::waitpid(m_command, &status, WNOHANG) != m_command) {
+      awaitCommandExit();
+      return;
+    }
+    m_command = -1;
+    m_commandStatus = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    m_acceptor.close();
+    m_ioContext.stop();
+  });
 }
 
 void Server::doAccept() {
@@ -104,6 +150,12 @@ void Server::pauseAccepting(const boost::system::error_code& error) {
 void Server::awaitStop() {
   m_signals.async_wait([this](const boost::system::error_code& error, int signal) {
     if (error) return;
+    if (m_command > 0) {
+      // The command decides when it ends; the server ends with it.
+      ::kill(m_command, signal);
+      awaitStop();
+      return;
+    }
     m_log.line("stopping on signal ", signal);
     m_acceptor.close();
     // Connections still open are closed as their handlers are destroyed with the io_context.

@@ -4,6 +4,8 @@
 // the clients it has.
 #pragma once
 
+#include <sys/types.h>
+
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/signal_set.hpp>
@@ -25,8 +27,12 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  /// Prints "listening on ADDRESS:PORT" on stdout and serves until a signal stops the server.
-  void run();
+  /// Prints "listening on ADDRESS:PORT" on stdout and serves until a signal stops the server;
+  /// returns 0. With a command, runs it instead of printing, with KVX_AGENT_ADDRESS and
+  /// KVX_AGENT_PORT in its environment, serves until it ends, passing SIGINT and SIGTERM on to it,
+  /// and returns its exit status (128 + the signal number if a signal ended it). Throws
+  /// std::runtime_error when the command cannot be started.
+  int run();
 
  private:
   void doAccept();
@@ -34,6 +40,9 @@ class Server {
   /// accepts again after a pause rather than at once.
   void pauseAccepting(const boost::system::error_code& error);
   void awaitStop();
+  /// Starts m_options.command and stops the server when it ends.
+  void runCommand();
+  void awaitCommandExit();
 
   SimOptions m_options;
   Log m_log;
@@ -43,6 +52,9 @@ class Server {
   boost::asio::ip::tcp::acceptor m_acceptor;
   boost::asio::steady_timer m_acceptPause;
   bool m_acceptPaused = false;  ///< an accept has failed for want of resources, none succeeded since
+  boost::asio::signal_set m_childExit;
+  pid_t m_command = -1;  ///< the command's process while it runs
+  int m_commandStatus = 0;
 };
 
 }  // namespace kvx::sim

@@ -28,6 +28,8 @@ struct SimOptions {
   std::optional<uint64_t> hangAfter;
   bool refuseSessions = false;
   bool quiet = false;
+  /// A program and its arguments to run while serving; empty to serve until a signal.
+  std::vector<std::string> command;
 };
 
 }  // namespace kvx::sim

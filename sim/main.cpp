@@ -1,5 +1,6 @@
 // kvx-agent-sim: a simulated target agent for tests, demos and benchmarks of the agent client.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -67,8 +68,14 @@ int main(int argc, char** argv) {
   // clang-format on
 
   kvx::sim::SimOptions options;
+  // Everything after "--" is a command to run while serving.
+  const int optionCount = static_cast<int>(std::find(argv, argv + argc, std::string("--")) - argv);
+  options.command.assign(argv + std::min(optionCount + 1, argc), argv + argc);
   try {
-    const po::parsed_options parsed = po::parse_command_line(argc, argv, described);
+    if (optionCount < argc && options.command.empty()) {
+      throw std::invalid_argument("'--' must be followed by a command to run");
+    }
+    const po::parsed_options parsed = po::parse_command_line(optionCount, argv, described);
     // The parser keeps positional arguments without storing them; one here is most likely a
     // port, which must not be ignored in favour of a random one.
     const std::vector<std::string> positional =
@@ -81,9 +88,11 @@ int main(int argc, char** argv) {
     po::store(parsed, values);
     po::notify(values);
     if (values.count("help")) {
-      std::cout << "Usage: kvx-agent-sim [options]\n"
+      std::cout << "Usage: kvx-agent-sim [options] [-- COMMAND [ARGS...]]\n"
                 << "Serves a simulated target over the agent protocol and prints\n"
-                << "\"listening on ADDRESS:PORT\" once ready. Numbers are decimal or 0x hexadecimal.\n\n"
+                << "\"listening on ADDRESS:PORT\" once ready. With a COMMAND, serves while it runs\n"
+                << "instead, tells it where in KVX_AGENT_ADDRESS and KVX_AGENT_PORT, and exits with\n"
+                << "its status. Numbers are decimal or 0x hexadecimal.\n\n"
                 << described;
       return EXIT_SUCCESS;
     }
@@ -118,7 +127,7 @@ int main(int argc, char** argv) {
 
   try {
     kvx::sim::Server server(options);
-    server.run();
+    return server.run();
   } catch (const std::invalid_argument& error) {
     // Options that parse but cannot work together, such as an unaligned reservation base.
     std::cerr << "kvx-agent-sim: " << error.what() << '\n';

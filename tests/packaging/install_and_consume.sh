@@ -67,12 +67,13 @@ if grep -rqi log4cxx "$prefix/lib/cmake/ta_kvx"; then fail "the CMake package na
   { cat "$WORK/build.log"; fail "the consumer project does not build against the prefix"; }
 
 [ -x "$prefix/bin/kvx-agent-sim" ] || fail "kvx-agent-sim is not installed"
-start_sim "$prefix/bin/kvx-agent-sim" --quiet
 
 # A decoy agent library on LD_LIBRARY_PATH: loading it would fail ("invalid ELF header"), so the
 # host only runs if the plug-in's DT_RPATH finds the installed one first.
 mkdir "$WORK/decoy"
 echo "not a library" >"$WORK/decoy/libtarget.agent.so"
-LD_LIBRARY_PATH="$WORK/decoy" "$WORK/consumer/host" "$SIM_ADDRESS" "$SIM_PORT" ||
-  fail "the consumer host failed against kvx-agent-sim at $SIM_ADDRESS:$SIM_PORT"
-echo "PASS: installed package consumed; host reached the simulator at $SIM_ADDRESS:$SIM_PORT"
+# The simulator runs the host and tells it where it listens.
+LD_LIBRARY_PATH="$WORK/decoy" "$prefix/bin/kvx-agent-sim" --quiet -- \
+  sh -c '"$0" "$KVX_AGENT_ADDRESS" "$KVX_AGENT_PORT"' "$WORK/consumer/host" ||
+  fail "the consumer host failed against the installed kvx-agent-sim"
+echo "PASS: installed package consumed; the host reached the installed simulator"
