@@ -83,7 +83,14 @@ Status AgentSession::open(const char* address, int32_t port) {
   hello.opcode = protocol::Opcode::kHello;
   hello.value = protocol::kProtocolVersion;
   protocol::Reply reply;
-  const Status status = transact(hello, reply);
+  Status status = transact(hello, reply);
+  // An agent of another version refuses ours or announces its own; either way its other replies
+  // could be misread.
+  if ((status == Status::kOk || status == Status::kRefused) &&
+      (reply.value != protocol::kProtocolVersion ||
+       reply.status == protocol::ReplyStatus::kVersionMismatch)) {
+    status = Status::kVersionMismatch;
+  }
   // A failed handshake leaves no session, whatever the reason.
   if (status != Status::kOk) close();
   return status;
