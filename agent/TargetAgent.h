@@ -22,7 +22,8 @@ int32_t io_read(uint64_t address, uint8_t* buffer, uint32_t size);
 
 /// Writes the 64-bit `value` to the register called `name`.
 int32_t reg_write(const char* name, uint64_t value);
-/// Stores the value of the register called `name` at `destination`.
+/// Stores the value of the register called `name` at `destination`: exactly the register's
+/// width, at most 8 bytes, least significant byte first. `destination` must hold that many bytes.
 int32_t reg_read(const char* name, void* destination);
 
 /// Reserves a block of at least `size` bytes of target memory and stores its address.

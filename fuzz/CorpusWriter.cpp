@@ -101,12 +101,13 @@ int main(int argc, char** argv) {
   save(requests, "ddr-unreserve-all", encode(request(Opcode::kDdrUnreserveAll)));
 
   const std::string replies = root + "/reply_decoder";
-  const auto reply = [](Opcode opcode, protocol::ReplyStatus status, uint64_t value = 0) {
+  const auto reply = [](Opcode opcode, protocol::ReplyStatus status, uint64_t value = 0, uint8_t width = 0) {
     protocol::Reply r;
     r.opcode = opcode;
     r.id = g_nextId++;
     r.status = status;
     r.value = value;
+    r.width = width;
     if (opcode == Opcode::kIoRead) {
       for (uint8_t i = 0; i < protocol::kMaxAccessSize; ++i) r.data[i] = static_cast<uint8_t>(0xA0 + i);
     }
@@ -119,7 +120,8 @@ int main(int argc, char** argv) {
   save(replies, "io-write-denied", encode(reply(Opcode::kIoWrite, ReplyStatus::kDenied)));
   save(replies, "io-read", encode(reply(Opcode::kIoRead, ReplyStatus::kOk)));
   save(replies, "reg-write", encode(reply(Opcode::kRegWrite, ReplyStatus::kOk)));
-  save(replies, "reg-read", encode(reply(Opcode::kRegRead, ReplyStatus::kOk, 0x1122334455667788ull)));
+  save(replies, "reg-read", encode(reply(Opcode::kRegRead, ReplyStatus::kOk, 0x1122334455667788ull, 8)));
+  save(replies, "reg-read-ps", encode(reply(Opcode::kRegRead, ReplyStatus::kOk, 0x11223344, 4)));
   save(replies, "reg-read-unknown", encode(reply(Opcode::kRegRead, ReplyStatus::kUnknownRegister)));
   save(replies, "ddr-reserve", encode(reply(Opcode::kDdrReserve, ReplyStatus::kOk, kvx::fuzz::kReserveBase)));
   save(replies, "ddr-unreserve", encode(reply(Opcode::kDdrUnreserve, ReplyStatus::kNotReserved)));
@@ -143,7 +145,9 @@ int main(int argc, char** argv) {
                request(Opcode::kIoWrite, 0x50000, 1), request(Opcode::kIoRead, 0x50000, 1)}));
   save(sessions, "registers",
        stream({hello, request(Opcode::kRegWrite, 0x401000, 0, "pc"), request(Opcode::kRegRead, 0, 0, "pc"),
-               request(Opcode::kRegWrite, 7, 0, "r64"), request(Opcode::kRegRead, 0, 0, "r07")}));
+               request(Opcode::kRegWrite, 7, 0, "r64"), request(Opcode::kRegRead, 0, 0, "r07"),
+               request(Opcode::kRegWrite, 0xFFFFFFFF, 0, "ps"),
+               request(Opcode::kRegWrite, 0x100000000, 0, "ps"), request(Opcode::kRegRead, 0, 0, "ps")}));
   save(sessions, "reservations",
        stream({hello, request(Opcode::kDdrReserve, 100), request(Opcode::kDdrReserve, 1),
                request(Opcode::kDdrUnreserve, kvx::fuzz::kReserveBase), request(Opcode::kDdrReserve, 64),

@@ -18,6 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(reply.opcode != protocol::Opcode::kGoodbye);
   FUZZ_CHECK(size == protocol::replyFrameSize(reply.opcode));
   FUZZ_CHECK((data[2] & protocol::kReplyBit) != 0);
+  // A reader stores `width` bytes of a register read.
+  FUZZ_CHECK(reply.width <= protocol::kMaxRegisterWidth);
 
   uint8_t frame[protocol::kMaxFrameSize];
   const size_t length = protocol::encodeReply(reply, frame, sizeof frame);

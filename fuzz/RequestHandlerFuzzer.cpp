@@ -2,8 +2,8 @@
 // the way a connection cuts its buffer, and every frame that decodes is answered by one
 // RequestHandler over target memory, registers and reservations. A reference model made of
 // plain maps predicts every answer: reads return the bytes written last, refused writes change
-// nothing, the memory limit counts 4 KiB pages, registers keep their values, and reservations
-// are placed first-fit, aligned, inside the region and never overlapping.
+// nothing, the memory limit counts 4 KiB pages, registers keep their values and refuse wider
+// ones, and reservations are placed first-fit, aligned, inside the region and never overlapping.
 
 #include <cstddef>
 #include <cstdint>
@@ -43,18 +43,21 @@ class Model {
         checkRead(request.value, request.size, reply);
         break;
       case Opcode::kRegWrite:
-        if (isRegister(request.name)) {
+        if (widthOf(request.name) == 0) {
+          FUZZ_CHECK(reply.status == ReplyStatus::kUnknownRegister);
+        } else if (widthOf(request.name) < 8 && request.value >> (8 * widthOf(request.name)) != 0) {
+          FUZZ_CHECK(reply.status == ReplyStatus::kInvalidArgument);
+        } else {
           FUZZ_CHECK(reply.status == ReplyStatus::kOk);
           m_registers[request.name] = request.value;
-        } else {
-          FUZZ_CHECK(reply.status == ReplyStatus::kUnknownRegister);
         }
         break;
       case Opcode::kRegRead:
-        if (isRegister(request.name)) {
-          FUZZ_CHECK(reply.status == ReplyStatus::kOk && reply.value == m_registers[request.name]);
+        if (widthOf(request.name) != 0) {
+          FUZZ_CHECK(reply.status == ReplyStatus::kOk && reply.value == m_registers[request.name] &&
+                     reply.width == widthOf(request.name));
         } else {
-          FUZZ_CHECK(reply.status == ReplyStatus::kUnknownRegister && reply.value == 0);
+          FUZZ_CHECK(reply.status == ReplyStatus::kUnknownRegister && reply.value == 0 && reply.width == 0);
         }
         break;
       case Opcode::kDdrReserve:
@@ -86,13 +89,15 @@ class Model {
     return false;
   }
 
-  static bool isRegister(const std::string& name) {
-    static const std::set<std::string> names = [] {
-      std::set<std::string> all = {"pc", "sp", "ra", "ps"};
-      for (int i = 0; i < 64; ++i) all.insert("r" + std::to_string(i));
+  /// The register's width in bytes, or 0 when there is none of that name.
+  static unsigned widthOf(const std::string& name) {
+    static const std::map<std::string, unsigned> widths = [] {
+      std::map<std::string, unsigned> all = {{"pc", 8}, {"sp", 8}, {"ra", 8}, {"ps", 4}};
+      for (int i = 0; i < 64; ++i) all["r" + std::to_string(i)] = 8;
       return all;
     }();
-    return names.count(name) != 0;
+    const auto found = widths.find(name);
+    return found == widths.end() ? 0 : found->second;
   }
 
   ReplyStatus write(uint64_t address, const uint8_t* data, uint32_t size) {

@@ -30,10 +30,11 @@ void RequestHandler::handle(const protocol::Request& request, protocol::Reply& r
       reply.status = m_memory.read(request.value, reply.data, request.size);
       break;
     case Opcode::kRegWrite:
-      if (!m_registers.write(request.name, request.value)) reply.status = ReplyStatus::kUnknownRegister;
+      reply.status = m_registers.write(request.name, request.value);
       break;
     case Opcode::kRegRead:
-      if (!m_registers.read(request.name, reply.value)) reply.status = ReplyStatus::kUnknownRegister;
+      if (!m_registers.read(request.name, reply.value, reply.width))
+        reply.status = ReplyStatus::kUnknownRegister;
       break;
     case Opcode::kDdrReserve:
       reply.status = m_reservations.reserve(request.value, reply.value);

@@ -6,12 +6,15 @@
 // not find it destroyed; the kernel closes the socket at exit.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 #include "platform/agent/AgentStatus.h"
 #include "platform/protocol/AgentProtocol.h"
 
 namespace target_agent {
+
+struct NameLookup;
 
 class AgentSession {
  public:
@@ -21,8 +24,9 @@ class AgentSession {
   AgentSession& operator=(const AgentSession&) = delete;
 
   /// Closes any open connection, then resolves `address` (numeric IPv4, IPv6 or a host name),
-  /// connects to `port` and shakes hands. The reply deadline, TA_AGENT_TIMEOUT_MS or 5000 ms, is
-  /// read here and also bounds the connect. On failure no session is open.
+  /// connects to `port` and shakes hands. The deadline, TA_AGENT_TIMEOUT_MS or 5000 ms, is read
+  /// here and bounds this call as a whole, name lookup included, and then each later call. On
+  /// failure no session is open.
   Status open(const char* address, int32_t port);
 
   /// Says goodbye to the agent, without waiting, and closes the connection. Harmless when none
@@ -33,16 +37,25 @@ class AgentSession {
   /// non-blocking peek. A connection found closed or in error is dropped.
   Status checkConnection();
 
-  /// Sends `request`, after giving it a fresh id, and waits for its reply. kOk when the agent
-  /// answered with success, kRefused when it answered with a refusal (`reply.status` says why).
-  /// On a timeout, a lost connection or a reply that does not match, the connection is dropped
-  /// and that status returned; later calls then fail fast with kConnectionLost.
+  /// Sends `request`, after giving it a fresh id, and waits for its reply, all within one
+  /// deadline set as the call begins. kOk when the agent answered with success, kRefused when it
+  /// answered with a refusal (`reply.status` says why). On a timeout, a lost connection or a
+  /// reply that does not match, the connection is dropped and that status returned; later calls
+  /// then fail fast with kConnectionLost.
   Status transact(kvx::protocol::Request& request, kvx::protocol::Reply& reply);
 
  private:
-  Status connectTo(const char* address, int32_t port);
-  Status sendFrame(const uint8_t* frame, size_t length);
-  Status receiveFrame(size_t expected);
+  using Clock = std::chrono::steady_clock;
+
+  Status connectTo(const char* address, int32_t port, Clock::time_point deadline);
+  /// transact() against `deadline`. `deadlineIsFresh`: it was set just before this call, so the
+  /// socket's receive timeout, which is the whole deadline, may bound the first wait.
+  Status exchange(kvx::protocol::Request& request, kvx::protocol::Reply& reply, Clock::time_point deadline,
+                  bool deadlineIsFresh);
+  /// Sends the whole frame by `deadline`; `atOnce` tells whether the first attempt took it whole.
+  Status sendFrame(const uint8_t* frame, size_t length, Clock::time_point deadline, bool& atOnce);
+  /// Receives a frame of `expected` bytes by `deadline`; `blockFirst`: see exchange().
+  Status receiveFrame(size_t expected, Clock::time_point deadline, bool blockFirst);
   /// Closes the socket after a failure and returns `status`; later calls see kConnectionLost.
   Status drop(Status status);
 
@@ -50,8 +63,11 @@ class AgentSession {
   /// What calls report while m_fd < 0.
   Status m_closedStatus = Status::kNoSession;
   uint32_t m_nextId = 1;
-  /// The reply deadline of the open session, in milliseconds.
+  /// The deadline of each call of the open session, in milliseconds.
   int m_timeoutMs = 0;
+  /// Name lookups given up at their deadline while a resolver thread of libc still works on them;
+  /// freed by a later lookup once it has finished.
+  NameLookup* m_abandonedLookups = nullptr;
   // Frames are built and received here, so a request allocates nothing.
   uint8_t m_sendBuffer[kvx::protocol::kMaxFrameSize] = {};
   uint8_t m_receiveBuffer[kvx::protocol::kMaxFrameSize] = {};

@@ -19,14 +19,17 @@ enum class Status : int32_t {
   /// The agent's reply could not be decoded or did not answer the request sent. The stream can
   /// no longer be trusted, so the session is closed as after a lost connection.
   kMalformedReply = -4,
-  /// The agent answered and refused: a denied address, an unknown register, no room for a
-  /// reservation, a refused session or version. The session stays open.
+  /// The agent answered and refused: a denied address, an unknown register, a value wider than
+  /// its register, no room for a reservation, a refused session. The session stays open.
   kRefused = -5,
   /// start_session could not resolve the address or reach the agent within the deadline.
   kCannotConnect = -6,
   /// An argument was rejected before anything was sent: a null pointer, an access of more than
   /// 8 bytes, a register name that is empty or longer than 63 bytes, a port outside 1 to 65535.
   kInvalidArgument = -7,
+  /// start_session found that the agent speaks another protocol version: it refused ours, or
+  /// announced its own. No session is left open.
+  kVersionMismatch = -8,
 };
 
 }  // namespace target_agent

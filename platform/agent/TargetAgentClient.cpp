@@ -6,6 +6,7 @@
 
 #include "agent/TargetAgent.h"
 
+#include <cassert>
 #include <cstring>
 #include <mutex>
 
@@ -101,8 +102,15 @@ TA_AGENT_API int32_t reg_read(const char* name, void* destination) {
   request.opcode = protocol::Opcode::kRegRead;
   protocol::Reply reply;
   const int32_t status = transact(request, reply);
-  // Registers are 64 bits wide; the destination always receives all 8 bytes.
-  if (status == code(Status::kOk)) std::memcpy(destination, &reply.value, sizeof reply.value);
+  // Exactly the register's width, least significant byte first: a host that reads a 32-bit
+  // register into a 32-bit variable must not have the bytes after it overwritten. The decoder
+  // has checked that the width is 1 to 8.
+  if (status == code(Status::kOk)) {
+    assert(reply.width >= 1 && reply.width <= protocol::kMaxRegisterWidth);
+    uint8_t bytes[sizeof reply.value];
+    for (size_t i = 0; i < sizeof bytes; ++i) bytes[i] = static_cast<uint8_t>(reply.value >> (8 * i));
+    std::memcpy(destination, bytes, reply.width);
+  }
   return status;
 }
 

@@ -14,10 +14,12 @@ constexpr size_t kIoReadPayload = 8 + 4;
 constexpr size_t kRegWriteFixedPayload = 8 + 1;
 constexpr size_t kRegReadFixedPayload = 1;
 constexpr size_t kAddressPayload = 8;
+constexpr size_t kRegReadReplyPayload = kStatusSize + 8 + 1;
 
 static_assert(kRegWriteFixedPayload + kMaxRegisterName == kMaxPayloadSize,
               "RegWrite with the longest name is the largest frame");
-static_assert(kIoWritePayload <= kMaxPayloadSize && kHelloPayload <= kMaxPayloadSize);
+static_assert(kIoWritePayload <= kMaxPayloadSize && kHelloPayload <= kMaxPayloadSize &&
+              kRegReadReplyPayload <= kMaxPayloadSize);
 
 uint32_t load32(const uint8_t* p) {
   return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
@@ -72,6 +74,7 @@ size_t replyPayload(Opcode op) {
     case Opcode::kIoRead:
       return kStatusSize + kMaxAccessSize;
     case Opcode::kRegRead:
+      return kRegReadReplyPayload;
     case Opcode::kDdrReserve:
       return kStatusSize + 8;
     case Opcode::kIoWrite:
@@ -184,6 +187,11 @@ bool decodeReply(const uint8_t* data, size_t size, Reply& out) {
       std::memcpy(out.data, p + kStatusSize, kMaxAccessSize);
       break;
     case Opcode::kRegRead:
+      out.value = load64(p + kStatusSize);
+      out.width = p[kStatusSize + 8];
+      // A reader stores `width` bytes: a width it could not hold, or none for a register that
+      // was read, is malformed.
+      return out.width <= kMaxRegisterWidth && (out.width != 0 || out.status != ReplyStatus::kOk);
     case Opcode::kDdrReserve:
       out.value = load64(p + kStatusSize);
       break;
@@ -261,6 +269,9 @@ size_t encodeReply(const Reply& reply, uint8_t* out, size_t capacity) {
       std::memcpy(p + kStatusSize, reply.data, kMaxAccessSize);
       break;
     case Opcode::kRegRead:
+      store64(p + kStatusSize, reply.value);
+      p[kStatusSize + 8] = reply.width;
+      break;
     case Opcode::kDdrReserve:
       store64(p + kStatusSize, reply.value);
       break;

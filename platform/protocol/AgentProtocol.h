@@ -30,13 +30,17 @@ constexpr uint8_t kMagic0 = 'K';
 constexpr uint8_t kMagic1 = 'A';
 constexpr size_t kHeaderSize = 12;
 
-/// The protocol version a client announces in Hello; an agent refuses any other.
-constexpr uint32_t kProtocolVersion = 1;
+/// The protocol version a client announces in Hello and an agent in its reply; each side refuses
+/// any other. Hello and its reply keep their layout in every version, so that both sides can
+/// always tell a mismatch from a malformed frame.
+constexpr uint32_t kProtocolVersion = 2;
 
 /// Register names travel as a length byte and 1 to kMaxRegisterName bytes, no NUL.
 constexpr size_t kMaxRegisterName = 63;
 /// A memory access moves at most this many bytes.
 constexpr uint32_t kMaxAccessSize = 8;
+/// A register is 1 to this many bytes wide; a RegRead reply says how wide.
+constexpr uint8_t kMaxRegisterWidth = 8;
 
 /// The largest payload of any frame (RegWrite: value, name length, longest name).
 constexpr size_t kMaxPayloadSize = 8 + 1 + kMaxRegisterName;
@@ -51,7 +55,7 @@ enum class Opcode : uint8_t {
   kIoWrite = 0x03,          ///< u64 address, u32 size, u8[8] data -> u32 status
   kIoRead = 0x04,           ///< u64 address, u32 size -> u32 status, u8[8] data
   kRegWrite = 0x05,         ///< u64 value, u8 name length, name -> u32 status
-  kRegRead = 0x06,          ///< u8 name length, name -> u32 status, u64 value
+  kRegRead = 0x06,          ///< u8 name length, name -> u32 status, u64 value, u8 width
   kDdrReserve = 0x07,       ///< u64 size -> u32 status, u64 address
   kDdrUnreserve = 0x08,     ///< u64 address -> u32 status
   kDdrUnreserveAll = 0x09,  ///< (empty) -> u32 status
@@ -63,7 +67,7 @@ enum class ReplyStatus : uint32_t {
   kDenied = 1,           ///< the address range is closed to accesses
   kOutOfMemory = 2,      ///< the agent will not hold more target memory
   kUnknownRegister = 3,  ///< no register of that name
-  kInvalidArgument = 4,  ///< e.g. a reservation of size 0
+  kInvalidArgument = 4,  ///< e.g. a reservation of size 0, a value wider than its register
   kNoSpace = 5,          ///< no free block large enough for the reservation
   kNotReserved = 6,      ///< the address does not start a reserved block
   kVersionMismatch = 7,  ///< Hello with a version the agent does not speak
@@ -100,6 +104,8 @@ struct Reply {
   uint64_t value = 0;
   /// IoRead: the bytes read, in target memory order; bytes past the request's size are zero.
   uint8_t data[kMaxAccessSize] = {};
+  /// RegRead: the register's width in bytes, 1 to kMaxRegisterWidth on success, 0 on a refusal.
+  uint8_t width = 0;
 };
 
 /// The fields every frame starts with, as decodeHeader() finds them.
@@ -125,7 +131,8 @@ bool decodeRequest(const uint8_t* data, size_t size, Request& out);
 
 /// Decodes one reply frame occupying exactly `size` bytes at `data`. Returns false, leaving `out`
 /// unspecified, for a bad header, a request opcode, a reply to Goodbye or an unknown opcode, a
-/// payload length other than the opcode's, or trailing bytes. The status is not checked.
+/// payload length other than the opcode's, trailing bytes, or a RegRead reply whose width is
+/// above kMaxRegisterWidth, or 0 with status kOk. The status is not checked otherwise.
 bool decodeReply(const uint8_t* data, size_t size, Reply& out);
 
 // ---- Encoding ----
@@ -137,7 +144,8 @@ bool decodeReply(const uint8_t* data, size_t size, Reply& out);
 size_t encodeRequest(const Request& request, uint8_t* out, size_t capacity);
 
 /// Writes `reply` as one frame into `out` and returns its length, or 0 when `capacity` is too
-/// small or the opcode has no reply. kMaxFrameSize always suffices.
+/// small or the opcode has no reply. The fields are written as they are, a width that the
+/// decoder would refuse included. kMaxFrameSize always suffices.
 size_t encodeReply(const Reply& reply, uint8_t* out, size_t capacity);
 
 /// The length of the reply frame to `opcode` (kHeaderSize plus the fixed payload), or 0 for

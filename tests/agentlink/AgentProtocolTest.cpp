@@ -93,6 +93,7 @@ TEST(AgentProtocolTest, EveryRequestAndReplySurvivesARoundTrip) {
                  : opcode == Opcode::kHello                                  ? kProtocolVersion
                                                                              : 0;
     if (opcode == Opcode::kIoRead) std::memcpy(sent.data, "\x01\x02\x03\x04\x05\x06\x07\x08", 8);
+    if (opcode == Opcode::kRegRead) sent.width = 4;
     const Frame frame = encode(sent);
     ASSERT_EQ(frame.size(), replyFrameSize(opcode)) << opcodeName(uint8_t(opcode));
     Reply got;
@@ -102,6 +103,7 @@ TEST(AgentProtocolTest, EveryRequestAndReplySurvivesARoundTrip) {
     EXPECT_EQ(got.status, sent.status);
     EXPECT_EQ(got.value, sent.value);
     EXPECT_EQ(0, std::memcmp(got.data, sent.data, sizeof got.data));
+    EXPECT_EQ(got.width, sent.width);
   }
 }
 
@@ -117,6 +119,10 @@ TEST(AgentProtocolTest, MalformedFramesAreRejected) {
   Reply answer;
   answer.opcode = Opcode::kIoRead;
   const Frame reply = encode(answer);
+  answer.opcode = Opcode::kRegRead;
+  answer.width = 8;
+  const Frame registerReply = encode(answer);
+  const size_t width = kHeaderSize + 4 + 8;
   // kHeader: refused by decodeHeader already, so a reader never waits for the payload.
   enum Decoder { kHeader, kRequest, kReply };
   const struct {
@@ -145,6 +151,8 @@ TEST(AgentProtocolTest, MalformedFramesAreRejected) {
       {"reply to goodbye", kReply, patch(reply, 2, {0x82})},
       {"unknown reply opcode", kReply, patch(reply, 2, {0x8A})},
       {"reply with another opcode's length", kReply, resized(patch(reply, 8, {4}), kHeaderSize + 4)},
+      {"register wider than 8 bytes", kReply, patch(registerReply, width, {9})},
+      {"register read with no width", kReply, patch(registerReply, width, {0})},
   };
   for (const auto& c : cases) {
     FrameHeader header;

@@ -136,10 +136,10 @@ int32_t reg_write(const char* name, uint64_t value) {
 int32_t reg_read(const char* name, void* destination) {
   Call call(Fn::RegRead);
   call.text = name;
+  // Stores nothing: how many bytes land there is the agent library's business; the plug-in's
+  // is only to hand the host's buffer through, which `pointer` records.
   call.pointer = destination;
-  return record(std::move(call), [=](const Script& s, int32_t) {
-    std::memcpy(destination, &s.registerValue, sizeof s.registerValue);
-  });
+  return record(std::move(call));
 }
 
 int32_t ddr_reserve(uint64_t size, uint64_t* address) {

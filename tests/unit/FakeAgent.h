@@ -55,7 +55,6 @@ struct Session {
 struct Script {
   std::map<Fn, int32_t> statuses;
   std::array<uint8_t, 8> readBytes{};  ///< io_read stores the first n of them
-  uint64_t registerValue = 0;          ///< reg_read stores all 8 bytes
   uint64_t reservedAddress = 0;        ///< ddr_reserve stores it when it succeeds
 };
 
