@@ -44,10 +44,13 @@ class VORN_API TaProcessKVX : public TaProcess {
   /// Not offered: returns false and touches nothing.
   bool read_piped_mem(const ExtAddress& extAddress, size_t count, unsigned int unitSize,
                       void* buffer) override;
-  /// The agent always receives a full 64-bit value, zero above the data.
+  /// The agent always receives a full 64-bit value, zero above the data; it refuses a value with a
+  /// bit set above the register's width, and the write then throws.
   bool write_register(const std::string& registerName, size_t count, unsigned int unitSize,
                       const void* data) override;
-  /// `buffer` is handed to the agent library as it is; it stores the register's value there.
+  /// `buffer` is handed to the agent library as it is. The library stores there exactly the
+  /// register's width, at most 8 bytes, least significant first, and nothing past it; so `buffer`
+  /// must hold 8 bytes unless the register is known to be narrower.
   bool read_register(const std::string& registerName, size_t count, unsigned int unitSize,
                      void* buffer) override;
   bool callbacksAvailable() override;

@@ -20,7 +20,8 @@ int32_t io_write(uint64_t address, uint64_t value, uint32_t size);
 /// Reads `size` bytes (0 to 8) at `address` into the first bytes of the 8-byte `buffer`.
 int32_t io_read(uint64_t address, uint8_t* buffer, uint32_t size);
 
-/// Writes the 64-bit `value` to the register called `name`.
+/// Writes `value` to the register called `name`; refused when `value` has a bit set above the
+/// register's width.
 int32_t reg_write(const char* name, uint64_t value);
 /// Stores the value of the register called `name` at `destination`: exactly the register's
 /// width, at most 8 bytes, least significant byte first. `destination` must hold that many bytes.

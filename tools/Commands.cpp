@@ -191,7 +191,7 @@ const std::vector<CommandSpec>& commandTable() {
       {"reg",
        "NAME [VALUE]",
        "read a register, or write VALUE into it",
-       "Without VALUE, prints the 64-bit register NAME (r0 to r63, pc, sp, ra, ps on the\n"
+       "Without VALUE, prints the register NAME (r0 to r63, pc, sp, ra, ps on the\n"
        "simulated agent); with VALUE, writes it.",
        {"NAME"},
        {"VALUE"},
