@@ -12,21 +12,13 @@
 // "Time" column is wall-clock time per access. With several threads it is the run's wall-clock
 // time divided by the accesses of all threads: the inverse of their combined throughput.
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <benchmark/benchmark.h>
 
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <string>
 
-#include <arpa/inet.h>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 
@@ -34,6 +26,7 @@
 #include "agent/TargetAgent.h"
 #include "bench/AgentInterposer.h"
 #include "bench/BenchEnvironment.h"
+#include "common/WireConnection.h"
 #include "platform/protocol/AgentProtocol.h"
 #include "vorn/ExtAddress.h"
 
@@ -125,88 +118,32 @@ BENCHMARK(BM_ReadRegisterNull)->Name("BM_ReadRegister/null");
 
 // ---- Loopback: the real agent library and kvx-agent-sim ----
 
-/// A bare client of the agent protocol: a blocking TCP socket with TCP_NODELAY, a handshake,
-/// then one frame out and one reply in per call, with nothing else around them.
-class RawClient {
- public:
-  RawClient() = default;
-  ~RawClient() {
-    if (m_fd >= 0) ::close(m_fd);
-  }
-  RawClient(const RawClient&) = delete;
-  RawClient& operator=(const RawClient&) = delete;
-
-  /// Connects to `endpoint` and shakes hands. False, with the reason in `error`, on failure.
-  bool open(const Endpoint& endpoint, std::string& error) {
-    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in peer{};
-    peer.sin_family = AF_INET;
-    peer.sin_port = htons(static_cast<uint16_t>(endpoint.port));
-    const int on = 1;
-    if (m_fd < 0 || ::inet_pton(AF_INET, endpoint.host.c_str(), &peer.sin_addr) != 1 ||
-        ::connect(m_fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0 ||
-        ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
-      error = std::string("cannot connect: ") + std::strerror(errno);
-      return false;
-    }
-    protocol::Request hello;
-    hello.opcode = protocol::Opcode::kHello;
-    hello.value = protocol::kProtocolVersion;
-    return exchange(hello, error);
-  }
-
-  /// Sends `request` (re-encoded once, here) and checks the agent's reply to it.
-  bool exchange(const protocol::Request& request, std::string& error) {
-    const size_t length = protocol::encodeRequest(request, m_request, sizeof m_request);
-    const size_t replyLength = protocol::replyFrameSize(request.opcode);
-    protocol::Reply reply;
-    if (length == 0 || !roundTrip(m_request, length, replyLength) ||
-        !protocol::decodeReply(m_reply, replyLength, reply) || reply.status != protocol::ReplyStatus::kOk) {
-      error = "no valid reply to " + std::string(protocol::opcodeName(static_cast<uint8_t>(request.opcode)));
-      return false;
-    }
-    return true;
-  }
-
-  /// One frame out, `replyLength` bytes in.
-  bool roundTrip(const uint8_t* frame, size_t length, size_t replyLength) {
-    if (::send(m_fd, frame, length, MSG_NOSIGNAL) != static_cast<ssize_t>(length)) return false;
-    size_t received = 0;
-    while (received < replyLength) {
-      const ssize_t n = ::recv(m_fd, m_reply + received, replyLength - received, 0);
-      if (n <= 0) return false;
-      received += static_cast<size_t>(n);
-    }
-    return true;
-  }
-
- private:
-  int m_fd = -1;
-  uint8_t m_request[protocol::kMaxFrameSize] = {};
-  uint8_t m_reply[protocol::kMaxFrameSize] = {};
-};
-
+/// One frame out and one reply in on a bare blocking TCP socket: the floor of an access.
 void BM_RawRoundTripLoopback(benchmark::State& state) {
-  RawClient client;
-  std::string error;
-  if (!client.open(BenchEnvironment::current().firstAgent(), error)) {
-    fail(state, error);
+  std::unique_ptr<kvx::common::WireConnection> wire;
+  try {
+    wire = std::make_unique<kvx::common::WireConnection>(BenchEnvironment::current().firstAgent());
+  } catch (const std::exception& e) {
+    fail(state, e.what());
     return;
   }
+  protocol::Request hello;
+  hello.value = protocol::kProtocolVersion;
   protocol::Request read;
   read.opcode = protocol::Opcode::kIoRead;
-  read.id = 1;
   read.value = kTargetAddress;
   read.size = kAccessBytes;
-  uint8_t frame[protocol::kMaxFrameSize];
-  const size_t length = protocol::encodeRequest(read, frame, sizeof frame);
-  const size_t replyLength = protocol::replyFrameSize(read.opcode);
-  if (!client.exchange(read, error)) {
-    fail(state, error);
+  protocol::Reply reply;
+  if (!wire->transact(hello, reply) || !wire->transact(read, reply) ||
+      reply.status != protocol::ReplyStatus::kOk) {
+    fail(state, "no valid reply from the simulator");
     return;
   }
+  const kvx::common::Frame frame = kvx::common::encoded(read);
+  uint8_t in[protocol::kMaxFrameSize];
+  const size_t replyLength = protocol::replyFrameSize(read.opcode);
   for (auto _ : state) {
-    if (!client.roundTrip(frame, length, replyLength)) {
+    if (!wire->send(frame) || !wire->receive(in, replyLength)) {
       fail(state, "the simulator stopped answering");
       break;
     }
