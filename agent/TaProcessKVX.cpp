@@ -1,5 +1,6 @@
 #include "agent/TaProcessKVX.h"
 
+#include <cassert>
 #include <cstring>
 #include <locale>
 #include <sstream>
@@ -60,6 +61,7 @@ uint64_t byteCount(size_t count, unsigned int unitSize) {
 /// The first n bytes of `data` in memory order, zero above: on this little-endian host the first
 /// byte becomes the least significant.
 uint64_t pack(const void* data, uint64_t n) {
+  assert(n <= kMaxAccessBytes && "the caller cuts the count to one access first");
   uint64_t value = 0;
   if (n != 0) {
     std::memcpy(&value, data, n);

@@ -2,8 +2,8 @@
 """Plants one-line faults in the product, one at a time, and reports which ones the tests catch.
 
 Each fault replaces one piece of text in one source file. The runner builds the change in a build
-directory of its own (build/mutants), runs the tests that own the faulty layer, and puts the file
-back, whatever happens. A fault is caught when a test fails; one that does not build is reported
+directory of its own (build/mutants, a Debug build, so that assertions of invariants are on), runs
+the tests that own the faulty layer, and puts the file back, whatever happens. A fault is caught when a test fails; one that does not build is reported
 and counted as not caught, since it says nothing about the tests.
 
     scripts/mutants.py            every fault
@@ -139,7 +139,7 @@ def main():
         return 0
 
     with open(os.devnull, "w") as quiet:
-        if run(["cmake", "-S", ".", "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo"], quiet) != 0 or \
+        if run(["cmake", "-S", ".", "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug"], quiet) != 0 or \
                 run(["cmake", "--build", BUILD], quiet) != 0:
             print("mutants: the unchanged tree does not build in build/mutants", file=sys.stderr)
             return 2

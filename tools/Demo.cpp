@@ -9,11 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include <log4cxx/helpers/pool.h>
-#include <log4cxx/helpers/writer.h>
 #include <log4cxx/logger.h>
-#include <log4cxx/patternlayout.h>
-#include <log4cxx/writerappender.h>
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
 
@@ -21,6 +17,7 @@
 #include "client/TargetConfig_TaProcessClient.h"
 #include "common/SimulatorProcess.h"
 #include "manager/TaProcessManager.h"
+#include "tools/LogRecorder.h"
 #include "tools/Numbers.h"
 #include "tools/Target.h"
 #include "vorn/ConfigBlock.h"
@@ -39,54 +36,6 @@ constexpr uint64_t kScratch = 0x1000;
 constexpr uint64_t kSharedAddress = 0x2000;
 constexpr size_t kResultColumn = 52;
 constexpr unsigned kWord = 4;
-
-/// Keeps what an appender writes, in memory.
-class TextWriter : public log4cxx::helpers::Writer {
- public:
-  void close(log4cxx::helpers::Pool& /*pool*/) override {}
-  void flush(log4cxx::helpers::Pool& /*pool*/) override {}
-  void write(const log4cxx::LogString& text, log4cxx::helpers::Pool& /*pool*/) override { m_text += text; }
-
-  const std::string& text() const { return m_text; }
-
- private:
-  std::string m_text;
-};
-
-/// Collects what one logger records while it lives, rendered as "LEVEL logger: message", one
-/// record a line. The logger's own level and appenders stay as they are.
-class LogRecorder {
- public:
-  explicit LogRecorder(const char* loggerName)
-      : m_logger(log4cxx::Logger::getLogger(loggerName)),
-        m_writer(std::make_shared<TextWriter>()),
-        m_appender(std::make_shared<log4cxx::WriterAppender>()) {
-    m_appender->setLayout(std::make_shared<log4cxx::PatternLayout>(kCapturePattern));
-    m_appender->setWriter(m_writer);
-    log4cxx::helpers::Pool pool;
-    m_appender->activateOptions(pool);
-    m_logger->addAppender(m_appender);
-  }
-
-  ~LogRecorder() { m_logger->removeAppender(m_appender); }
-
-  LogRecorder(const LogRecorder&) = delete;
-  LogRecorder& operator=(const LogRecorder&) = delete;
-
-  std::vector<std::string> lines() const {
-    std::vector<std::string> lines;
-    std::istringstream text(m_writer->text());
-    for (std::string line; std::getline(text, line);) {
-      lines.push_back(line);
-    }
-    return lines;
-  }
-
- private:
-  log4cxx::LoggerPtr m_logger;
-  std::shared_ptr<TextWriter> m_writer;
-  std::shared_ptr<log4cxx::WriterAppender> m_appender;
-};
 
 std::string answerName(int32_t answer) {
   switch (answer) {
@@ -262,7 +211,7 @@ void Demo::oversizedAccess() {
   std::memset(buffer, 0xee, sizeof buffer);
   std::vector<std::string> logged;
   {
-    LogRecorder recorder(kPluginLogger);
+    LogRecorder recorder(kPluginLogger, kCapturePattern);
     m_processA->read_mem(processAddress(kScratch), 2, kMaxAccessBytes, buffer);
     logged = recorder.lines();
   }

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "FakeAgent.h"
 #include "agent/TaProcessKVX.h"
+#include "tests/unit/FakeAgent.h"
 
 namespace vorn {
 namespace {
@@ -47,9 +47,9 @@ void expectEveryAccessReachedItsEndpoint() {
     }
     ++accesses;
     const int endpoint = endpointOf(call);
-    ASSERT_TRUE(call.sessionOpen) << "access for endpoint " << endpoint << " without a session";
-    ASSERT_EQ(call.sessionAddress, endpointAddress(endpoint));
-    ASSERT_EQ(call.sessionPort, endpointPort(endpoint));
+    ASSERT_TRUE(call.session.open) << "access for endpoint " << endpoint << " without a session";
+    ASSERT_EQ(call.session.address, endpointAddress(endpoint));
+    ASSERT_EQ(call.session.port, endpointPort(endpoint));
   }
   EXPECT_GT(accesses, 0u);
 }

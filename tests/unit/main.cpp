@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <log4cxx/logger.h>
 
-#include "FakeAgent.h"
+#include "tests/unit/FakeAgent.h"
 
 int main(int argc, char** argv) {
   // Whatever the libraries did while they were loaded has happened by now.
