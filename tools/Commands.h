@@ -23,4 +23,10 @@ class Commands {
   static const std::vector<CommandSpec>& table();
 };
 
+// The families of commands, each in a file of its own, in the order help lists them.
+/// read, write, reg, reserve, unreserve, unreserve-all: one access or reservation each.
+std::vector<CommandSpec> accessCommands();
+/// dump, load: ranges of any length, moved in accesses of at most 8 bytes.
+std::vector<CommandSpec> transferCommands();
+
 }  // namespace kvx::cli
