@@ -1,6 +1,7 @@
 #include "common/WireConnection.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -15,11 +16,11 @@
 namespace kvx::common {
 namespace {
 
-const timeval kTimeLimit{5, 0};
-
-bool limitWaits(int fd) {
-  return ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &kTimeLimit, sizeof kTimeLimit) == 0 &&
-         ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &kTimeLimit, sizeof kTimeLimit) == 0;
+bool limitWaits(int fd, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+  const timeval tv{static_cast<time_t>(limit.count() / 1000),
+                   static_cast<suseconds_t>(limit.count() % 1000 * 1000)};
+  return ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0 &&
+         ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) == 0;
 }
 
 }  // namespace
@@ -34,7 +35,8 @@ WireConnection::WireConnection(const Endpoint& endpoint) {
   }
   m_fd = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int on = 1;
-  const bool connected = m_fd >= 0 && limitWaits(m_fd) && ::connect(m_fd, found->ai_addr, found->ai_addrlen) == 0 &&
+  const bool connected = m_fd >= 0 && limitWaits(m_fd) &&
+                         ::connect(m_fd, found->ai_addr, found->ai_addrlen) == 0 &&
                          ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
   const int error = errno;
   ::freeaddrinfo(found);
@@ -44,7 +46,11 @@ WireConnection::WireConnection(const Endpoint& endpoint) {
   }
 }
 
-WireConnection::WireConnection(int fd) : m_fd(fd) { limitWaits(m_fd); }
+WireConnection::WireConnection(int fd, std::chrono::milliseconds limit) : m_fd(fd) {
+  // A socket from a dialer may be non-blocking; the limits below bound its waits instead.
+  ::fcntl(m_fd, F_SETFL, ::fcntl(m_fd, F_GETFL) & ~O_NONBLOCK);
+  limitWaits(m_fd, limit);
+}
 
 WireConnection::~WireConnection() { close(); }
 
@@ -53,9 +59,11 @@ bool WireConnection::send(const uint8_t* bytes, size_t size) {
 }
 
 bool WireConnection::receive(uint8_t* bytes, size_t size) {
+  m_timedOut = false;
   for (size_t got = 0; got < size;) {
     const ssize_t n = ::recv(m_fd, bytes + got, size - got, 0);
     if (n < 0 && errno == EINTR) continue;
+    m_timedOut = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
     if (n <= 0) return false;
     got += static_cast<size_t>(n);
   }
@@ -100,8 +108,9 @@ WireListener::WireListener() : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  if (m_fd < 0 || !limitWaits(m_fd) || ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(m_fd, 4) != 0 || ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  if (m_fd < 0 || !limitWaits(m_fd) ||
+      ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(m_fd, 4) != 0 ||
+      ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     throw std::runtime_error(std::string("cannot listen on loopback: ") + std::strerror(errno));
   }
   m_port = ntohs(address.sin_port);

@@ -6,6 +6,7 @@
 // Each instance owns its socket. Not thread-safe.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -22,8 +23,9 @@ class WireConnection {
   /// Connects to `endpoint`, a numeric IPv4 or IPv6 address, with TCP_NODELAY. Throws
   /// std::runtime_error when nothing accepts the connection.
   explicit WireConnection(const Endpoint& endpoint);
-  /// Takes over a connected socket, such as one a test's listener accepted.
-  explicit WireConnection(int fd);
+  /// Takes over a connected socket, such as one a test's listener accepted; every wait on it is
+  /// bounded by `limit`.
+  explicit WireConnection(int fd, std::chrono::milliseconds limit = std::chrono::seconds(5));
   ~WireConnection();
 
   WireConnection(const WireConnection&) = delete;
@@ -34,6 +36,8 @@ class WireConnection {
   bool send(const Frame& bytes) { return send(bytes.data(), bytes.size()); }
   /// Receives exactly `size` bytes; false on end of stream, an error or the time limit.
   bool receive(uint8_t* bytes, size_t size);
+  /// Whether the last receive failed for want of time rather than for an end or an error.
+  bool timedOut() const { return m_timedOut; }
   /// Receives one frame: a header, then as many bytes as it announces. False as receive() is, or
   /// when the header is malformed.
   bool receiveFrame(Frame& frame);
@@ -47,6 +51,7 @@ class WireConnection {
 
  private:
   int m_fd = -1;
+  bool m_timedOut = false;
 };
 
 /// A listening socket on a free loopback port, for a test that plays the agent.

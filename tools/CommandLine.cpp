@@ -1,7 +1,11 @@
 #include "tools/CommandLine.h"
 
+#include <algorithm>
+
 #include <boost/program_options.hpp>
 
+#include "tools/Commands.h"
+#include "tools/Numbers.h"
 #include "tools/UsageError.h"
 
 namespace po = boost::program_options;
@@ -9,91 +13,117 @@ namespace po = boost::program_options;
 namespace kvx::cli {
 namespace {
 
-const char* const kCommandKey = "command";
-const char* const kArgumentsKey = "arguments";
+/// The longest deadline --timeout takes: an hour, as the agent library does.
+constexpr uint64_t kMaxTimeoutMs = 3600ull * 1000;
+
+/// The option's name in `token`: up to an '=' that gives its value.
+std::string optionName(const std::string& token) { return token.substr(0, token.find('=')); }
+
+/// Whether `spec` has an option called `name` ("--out", "-h").
+bool commandTakes(const CommandSpec* spec, const std::string& name) {
+  if (name == "-h" || name == "--help") return true;
+  return spec != nullptr && std::any_of(spec->flags.begin(), spec->flags.end(), [&](const Flag& flag) {
+           return name == std::string("--") + flag.name;
+         });
+}
 
 }  // namespace
 
 po::options_description CommandLine::options() {
-  po::options_description options("Options");
+  po::options_description options("Options (before or after the command)");
   // clang-format off
   options.add_options()
       ("server", po::value<std::string>()->value_name("HOST:PORT"),
        "the target agent to use (HOST: name, IPv4, or [IPv6]); without it kvx-ta starts its own "
        "kvx-agent-sim on a free loopback port for the run")
+      ("sim-option", po::value<std::vector<std::string>>()->value_name("OPT"),
+       "an option for the kvx-agent-sim that kvx-ta starts, e.g. --sim-option=--deny=0x100:16 "
+       "(repeatable)")
+      ("timeout", po::value<std::string>()->value_name("MS"),
+       "how long each call to the agent may take, in milliseconds (sets TA_AGENT_TIMEOUT_MS; "
+       "default 5000)")
+      ("json", "print results and failures as one JSON object each")
+      ("quiet,q", "leave out informational lines: the embedded simulator, transfer summaries")
+      ("progress", "show the progress of long transfers even when stderr is not a terminal")
+      ("force", "allow transfers larger than 256 MiB")
+      ("verbose", "show where a failure came from, the plug-in's source locations included")
       ("log-config", po::value<std::string>()->value_name("FILE"),
        "log4cxx configuration (.xml: DOMConfigurator, else PropertyConfigurator); without it "
        "LOG4CXX_CONFIGURATION is honoured, else warnings go to stderr")
-      ("help,h", "describe the program ('kvx-ta COMMAND --help' describes a command)")
+      ("help,h", "describe the program ('kvx-ta help COMMAND' describes a command)")
       ("version", "print the version");
   // clang-format on
   return options;
 }
 
-namespace {
-
-/// Once the command's name is seen, every remaining token goes to the command as it is.
-std::vector<po::option> stopAtCommand(std::vector<std::string>& tokens) {
-  std::vector<po::option> result;
-  if (tokens.empty() || tokens.front().empty() || tokens.front().front() == '-') {
-    return result;
-  }
-  for (const std::string& token : tokens) {
-    po::option positional;
-    positional.value.push_back(token);
-    positional.original_tokens.push_back(token);
-    result.push_back(positional);
-  }
-  tokens.clear();
-  return result;
-}
-
-}  // namespace
-
 Invocation CommandLine::parse(int argc, const char* const argv[]) {
-  po::options_description hidden;
-  hidden.add_options()(kCommandKey, po::value<std::string>());
-  hidden.add_options()(kArgumentsKey, po::value<std::vector<std::string>>());
-  po::options_description all;
-  all.add(options()).add(hidden);
-  po::positional_options_description positional;
-  positional.add(kCommandKey, 1).add(kArgumentsKey, -1);
+  const po::options_description known = options();
+  Invocation invocation;
+  const CommandSpec* spec = nullptr;
+  // The command's name is the first word that is neither an option nor an option's value.
+  std::vector<std::string> global;
+  for (int i = 1; i < argc; ++i) {
+    const std::string token = argv[i];
+    const std::string name = optionName(token);
+    const bool option = token.size() > 1 && token[0] == '-';
+    if (!option && invocation.command.empty()) {
+      invocation.command = token;
+      spec = Commands::find(token);
+      continue;
+    }
+    if (!option || (!invocation.command.empty() && commandTakes(spec, name))) {
+      invocation.arguments.push_back(token);
+      continue;
+    }
+    // Long options are looked up by name, short ones with their dash ("-q").
+    const po::option_description* description =
+        known.find_nothrow(name.rfind("--", 0) == 0 ? name.substr(2) : name, false);
+    if (description == nullptr && !invocation.command.empty()) {
+      invocation.arguments.push_back(token);  // the command's to refuse
+      continue;
+    }
+    global.push_back(token);
+    const bool takesValue = description != nullptr && description->semantic()->max_tokens() > 0;
+    if (takesValue && token.find('=') == std::string::npos && i + 1 < argc) global.push_back(argv[++i]);
+  }
 
   po::variables_map values;
   try {
-    po::store(po::command_line_parser(argc, argv)
-                  .options(all)
-                  .positional(positional)
+    po::store(po::command_line_parser(global)
+                  .options(known)
                   .style(po::command_line_style::unix_style & ~po::command_line_style::allow_guessing)
-                  .extra_style_parser(stopAtCommand)
                   .run(),
               values);
   } catch (const po::error& e) {
     throw UsageError(std::string(e.what()) + " (try 'kvx-ta --help')");
   }
-
-  Invocation invocation;
   invocation.help = values.count("help") != 0;
   invocation.version = values.count("version") != 0;
+  invocation.output.json = values.count("json") != 0;
+  invocation.output.quiet = values.count("quiet") != 0;
+  invocation.output.verbose = values.count("verbose") != 0;
+  invocation.output.progress = values.count("progress") != 0;
+  invocation.force = values.count("force") != 0;
   if (values.count("server") != 0) {
     const std::string server = values["server"].as<std::string>();
     std::string why;
     invocation.server = common::Endpoint::parse(server, why);
-    if (!invocation.server) {
+    if (!invocation.server)
       throw UsageError("invalid server '" + server + "' (" + why + ")");
+  }
+  if (values.count("timeout") != 0) {
+    const uint64_t timeout = parseNumber(values["timeout"].as<std::string>(), "timeout");
+    if (timeout == 0 || timeout > kMaxTimeoutMs) {
+      throw UsageError("invalid timeout '" + values["timeout"].as<std::string>() + "' (1 to 3600000 ms)");
     }
+    invocation.timeoutMs = static_cast<unsigned>(timeout);
+  }
+  if (values.count("sim-option") != 0) {
+    invocation.simulatorOptions = values["sim-option"].as<std::vector<std::string>>();
   }
   if (values.count("log-config") != 0) {
     invocation.logConfig = values["log-config"].as<std::string>();
-    if (invocation.logConfig.empty()) {
-      throw UsageError("invalid log configuration '' (a file name)");
-    }
-  }
-  if (values.count(kCommandKey) != 0) {
-    invocation.command = values[kCommandKey].as<std::string>();
-  }
-  if (values.count(kArgumentsKey) != 0) {
-    invocation.arguments = values[kArgumentsKey].as<std::vector<std::string>>();
+    if (invocation.logConfig.empty()) throw UsageError("invalid log configuration '' (a file name)");
   }
   return invocation;
 }

@@ -1,5 +1,6 @@
-// The program's own command line: the options that come before the command, the command's name,
-// and the command's arguments left as they are for the command to parse.
+// The program's own command line: the global options, the command's name, and the command's
+// arguments, left for the command to check. Global options may come before or after the command;
+// after it, an option of the command's own by the same name (wait --timeout) is the command's.
 #pragma once
 
 #include <optional>
@@ -9,6 +10,7 @@
 #include <boost/program_options/options_description.hpp>
 
 #include "common/Endpoint.h"
+#include "tools/Output.h"
 
 namespace kvx::cli {
 
@@ -18,18 +20,24 @@ struct Invocation {
   std::optional<common::Endpoint> server;
   /// --log-config; empty means log4cxx's own lookup, then the stderr default.
   std::string logConfig;
+  Output::Options output;
+  /// --force: transfers above the sane bound are allowed.
+  bool force = false;
+  /// --timeout: the agent library's deadline for each call, in milliseconds.
+  std::optional<unsigned> timeoutMs;
+  /// --sim-option, in order: options for the embedded simulator.
+  std::vector<std::string> simulatorOptions;
   bool help = false;
   bool version = false;
   /// Empty when none was given.
   std::string command;
-  /// Everything after the command, options included: they belong to the command.
+  /// The command's words: everything after its name but the global options.
   std::vector<std::string> arguments;
 };
 
 class CommandLine {
  public:
-  /// Parses argv. Program options are recognised only before the command, so
-  /// `kvx-ta read --help` asks the command, not the program. Throws UsageError.
+  /// Parses argv. Throws UsageError.
   static Invocation parse(int argc, const char* const argv[]);
 
   /// The program's own options, as help shows them.

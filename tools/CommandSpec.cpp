@@ -47,6 +47,11 @@ Arguments CommandSpec::parse(const std::vector<std::string>& words) const {
     }
   }
   const std::string hint = " (usage: " + usage() + ")";
+  // Counted first: the parser's time grows with the square of the words, and no valid call has
+  // more than its fields, two words for each option and --help.
+  if (words.size() > required.size() + optional.size() + 2 * flags.size() + 1) {
+    throw UsageError(std::string(name) + ": too many arguments" + hint);
+  }
   po::variables_map values;
   try {
     po::store(po::command_line_parser(words).options(all).positional(positional).style(kCommandStyle).run(),

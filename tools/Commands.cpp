@@ -13,9 +13,15 @@
 namespace kvx::cli {
 namespace {
 
-const char* const kHelpFlag = "--help";
-
 // ---- Commands about the session itself ----
+
+Action buildHelp(const Arguments& arguments) {
+  if (!arguments.has("COMMAND")) return [](Session&) { Help::program(std::cout); };
+  const std::string name = arguments.value("COMMAND");
+  const CommandSpec* spec = Commands::find(name);
+  if (spec == nullptr) throw UsageError(Help::unknownCommand(name));
+  return [spec](Session&) { Help::command(*spec, std::cout); };
+}
 
 Action buildScript(const Arguments& arguments) {
   const std::string path = arguments.has("FILE") ? arguments.value("FILE") : std::string();
@@ -58,6 +64,15 @@ const std::vector<CommandSpec>& commandTable() {
          {},
          false,
          buildDemo},
+        {"help",
+         "[COMMAND]",
+         "describe the program, or COMMAND",
+         "Describes the program, or COMMAND as 'kvx-ta COMMAND --help' does.",
+         {},
+         {"COMMAND"},
+         {},
+         true,
+         buildHelp},
     };
     all.insert(all.end(), own.begin(), own.end());
     return all;
@@ -68,16 +83,13 @@ const std::vector<CommandSpec>& commandTable() {
 }  // namespace
 
 Action Commands::parse(const std::string& name, const std::vector<std::string>& arguments, Context context) {
-  const auto& table = commandTable();
-  const auto info = std::find_if(table.begin(), table.end(),
-                                 [&name](const CommandSpec& candidate) { return name == candidate.name; });
-  if (info == table.end()) {
-    throw UsageError("unknown command '" + name + "' (try 'kvx-ta --help')");
-  }
+  const CommandSpec* info = find(name);
+  if (info == nullptr) throw UsageError(Help::unknownCommand(name));
   if (context == Context::kScript && !info->scriptable) {
     throw UsageError("'" + name + "' cannot run inside a script");
   }
-  if (std::find(arguments.begin(), arguments.end(), kHelpFlag) != arguments.end()) {
+  if (std::any_of(arguments.begin(), arguments.end(),
+                  [](const std::string& word) { return word == "--help" || word == "-h"; })) {
     const CommandSpec& spec = *info;
     return [&spec](Session&) { Help::command(spec, std::cout); };
   }
@@ -85,5 +97,12 @@ Action Commands::parse(const std::string& name, const std::vector<std::string>& 
 }
 
 const std::vector<CommandSpec>& Commands::table() { return commandTable(); }
+
+const CommandSpec* Commands::find(const std::string& name) {
+  const auto& table = commandTable();
+  const auto spec = std::find_if(table.begin(), table.end(),
+                                 [&name](const CommandSpec& candidate) { return name == candidate.name; });
+  return spec == table.end() ? nullptr : &*spec;
+}
 
 }  // namespace kvx::cli

@@ -19,14 +19,18 @@ class Commands {
   /// that prints the command's help and needs no target. Throws UsageError.
   static Action parse(const std::string& name, const std::vector<std::string>& arguments, Context context);
 
+  /// The command called `name`, or null.
+  static const CommandSpec* find(const std::string& name);
+
   /// Every command, in the order help lists them.
   static const std::vector<CommandSpec>& table();
 };
 
 // The families of commands, each in a file of its own, in the order help lists them.
-/// read, write, reg, reserve, unreserve, unreserve-all: one access or reservation each.
+/// read, write, wait, reg, regs, reserve, unreserve, unreserve-all: single accesses and
+/// reservations.
 std::vector<CommandSpec> accessCommands();
-/// dump, load: ranges of any length, moved in accesses of at most 8 bytes.
+/// dump, load, fill, crc32: ranges of any length, moved in accesses of at most 8 bytes.
 std::vector<CommandSpec> transferCommands();
 
 }  // namespace kvx::cli

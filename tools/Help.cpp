@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <vector>
 
 #include "tools/CommandLine.h"
 #include "tools/CommandSpec.h"
@@ -13,15 +14,47 @@ namespace {
 /// The width of the synopsis column in the list of commands.
 constexpr size_t kSynopsisColumn = 36;
 
+/// The number of single-character insertions, deletions and substitutions between `a` and `b`.
+size_t editDistance(const std::string& a, const std::string& b) {
+  std::vector<size_t> row(b.size() + 1);
+  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t above = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+      diagonal = above;
+    }
+  }
+  return row[b.size()];
+}
+
 }  // namespace
 
+std::string Help::unknownCommand(const std::string& name) {
+  // Two slips at most, and fewer than the name has letters: "rd" is no typing error of "read".
+  const CommandSpec* nearest = nullptr;
+  size_t best = 3;
+  for (const CommandSpec& spec : Commands::table()) {
+    const size_t distance = editDistance(name, spec.name);
+    if (distance < best && distance < name.size()) {
+      best = distance;
+      nearest = &spec;
+    }
+  }
+  return "unknown command '" + name + "'" +
+         (nearest != nullptr ? " (did you mean '" + std::string(nearest->name) + "'?)"
+                             : " (try 'kvx-ta --help')");
+}
+
 void Help::program(std::ostream& out) {
-  out << "Usage: kvx-ta [--server HOST:PORT] [--log-config FILE] COMMAND [ARGS...]\n"
+  out << "Usage: kvx-ta [OPTIONS] COMMAND [ARGS...]\n"
          "\n"
          "Reads and writes a target through the KVX target-access plug-in, the way a debugger\n"
          "host does. Without --server, kvx-ta starts its own simulated agent (kvx-agent-sim)\n"
          "for the run, so each run starts from a fresh target; 'script' runs several commands\n"
-         "in one session.\n"
+         "in one session. 'kvx-ta help COMMAND' describes a command.\n"
          "\n"
          "Commands:\n";
   for (const CommandSpec& spec : Commands::table()) {
@@ -32,7 +65,7 @@ void Help::program(std::ostream& out) {
   out << "\n"
       << CommandLine::options() << "\n"
       << "Numbers are decimal or hex with 0x; addresses are 64-bit; values are little-endian.\n"
-         "Exit status: 0 done, 1 failed on the target or its connection, 2 usage error.\n";
+         "Exit status: 0 done, 1 failed on the target, its connection or the output, 2 usage error.\n";
 }
 
 void Help::command(const CommandSpec& spec, std::ostream& out) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <string>
 
 namespace kvx::cli {
 
@@ -12,6 +13,8 @@ class Help {
  public:
   static void program(std::ostream& out);
   static void command(const CommandSpec& spec, std::ostream& out);
+  /// The message for a command that does not exist, suggesting the nearest one that does.
+  static std::string unknownCommand(const std::string& name);
 };
 
 }  // namespace kvx::cli

@@ -1,6 +1,6 @@
 #include "tools/HexDump.h"
 
-#include <ostream>
+#include "tools/Output.h"
 
 namespace kvx::cli {
 namespace {
@@ -10,7 +10,7 @@ constexpr char kDigits[] = "0123456789abcdef";
 
 }  // namespace
 
-HexDump::HexDump(std::ostream& out, uint64_t address, uint64_t length)
+HexDump::HexDump(Output& out, uint64_t address, uint64_t length)
     : m_out(out),
       m_addressDigits(length != 0 && address + (length - 1) > kLargest32BitAddress ? 16 : 8),
       m_lineAddress(address) {}
@@ -56,7 +56,7 @@ void HexDump::printLine() {
     text.push_back(c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '.');
   }
   text += "|\n";
-  m_out << text;
+  m_out.text(text);
   m_lineAddress += kBytesPerLine;
   m_filled = 0;
 }

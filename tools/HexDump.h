@@ -3,20 +3,22 @@
 //   00001000:  48 65 6c 6c 6f 2c 20 74  61 72 67 65 74 0a 00 00  |Hello, target...|
 //
 // The address column has 8 digits, or 16 when the range reaches above 4 GiB. Lines start at the
-// first address and every 16 bytes after it. Writes to the stream it is given; single-threaded.
+// first address and every 16 bytes after it. Writes each line as a result of the run's output;
+// single-threaded.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <iosfwd>
 #include <string>
 
 namespace kvx::cli {
 
+class Output;
+
 class HexDump {
  public:
   /// A dump of the `length` bytes from `address` onto `out`.
-  HexDump(std::ostream& out, uint64_t address, uint64_t length);
+  HexDump(Output& out, uint64_t address, uint64_t length);
 
   /// Adds the next `count` bytes, printing every line they complete.
   void append(const uint8_t* bytes, size_t count);
@@ -28,7 +30,7 @@ class HexDump {
 
   void printLine();
 
-  std::ostream& m_out;
+  Output& m_out;
   int m_addressDigits;
   /// The address of the line being collected.
   uint64_t m_lineAddress;

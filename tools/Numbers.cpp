@@ -49,6 +49,8 @@ std::string hexPadded(uint64_t value, unsigned digits) {
 
 std::string hexAddress(uint64_t value) { return hexPadded(value, 1); }
 
+std::string byteCount(uint64_t count) { return std::to_string(count) + (count == 1 ? " byte" : " bytes"); }
+
 void toTargetBytes(uint64_t value, uint8_t* bytes, unsigned size) {
   for (unsigned i = 0; i < size; ++i) {
     bytes[i] = static_cast<uint8_t>(value >> (8 * i));

@@ -32,6 +32,9 @@ std::string hexPadded(uint64_t value, unsigned digits);
 /// "0x" and as many hex digits as the value needs, as addresses appear in messages.
 std::string hexAddress(uint64_t value);
 
+/// "1 byte", "8 bytes".
+std::string byteCount(uint64_t count);
+
 /// `value`'s low `size` bytes (at most 8) in target memory order, least significant first.
 void toTargetBytes(uint64_t value, uint8_t* bytes, unsigned size);
 

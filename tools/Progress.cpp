@@ -6,12 +6,15 @@
 #include <iostream>
 #include <utility>
 
+#include "tools/Output.h"
+
 namespace kvx::cli {
 namespace {
 
 /// Smaller transfers finish before a bar would tell anything.
 constexpr uint64_t kBarThreshold = 16 * 1024;
 constexpr std::chrono::milliseconds kRedrawInterval(100);
+constexpr std::chrono::seconds kLineInterval(1);
 constexpr int kBarWidth = 30;
 constexpr double kBytesPerKiB = 1024.0;
 
@@ -23,56 +26,82 @@ double kibPerSecond(uint64_t bytes, double elapsedSeconds) {
   return elapsedSeconds > 0 ? static_cast<double>(bytes) / kBytesPerKiB / elapsedSeconds : 0.0;
 }
 
+/// "m:ss", or "h:mm:ss" from an hour on.
+std::string clock(double secondsLeft) {
+  const auto total = static_cast<unsigned long long>(secondsLeft + 0.5);
+  char text[32];
+  if (total >= 3600) {
+    std::snprintf(text, sizeof text, "%llu:%02llu:%02llu", total / 3600, total / 60 % 60, total % 60);
+  } else {
+    std::snprintf(text, sizeof text, "%llu:%02llu", total / 60, total % 60);
+  }
+  return text;
+}
+
 }  // namespace
 
-Progress::Progress(std::string label, uint64_t total, std::string prefix, bool barAllowed)
-    : m_label(std::move(label)),
+Progress::Progress(Output& output, std::string label, uint64_t total, bool barAllowed)
+    : m_output(output),
+      m_label(std::move(label)),
       m_total(total),
-      m_prefix(std::move(prefix)),
-      m_showBar(barAllowed && total >= kBarThreshold && ::isatty(STDERR_FILENO) == 1),
+      m_display(output.options().progress ? (::isatty(STDERR_FILENO) == 1 ? Display::kBar : Display::kLines)
+                : barAllowed && !output.options().quiet && total >= kBarThreshold &&
+                        ::isatty(STDERR_FILENO) == 1
+                    ? Display::kBar
+                    : Display::kNone),
       m_start(Clock::now()),
-      m_lastDraw(m_start) {}
+      m_lastShown(m_start) {}
 
 Progress::~Progress() { clear(); }
 
 void Progress::advance(uint64_t bytes) {
   m_done += bytes;
-  if (!m_showBar) {
-    return;
-  }
+  if (m_display == Display::kNone) return;
   const Clock::time_point now = Clock::now();
-  if (now - m_lastDraw >= kRedrawInterval) {
-    draw(now);
+  if (now - m_lastShown >= (m_display == Display::kBar
+                                ? std::chrono::duration_cast<Clock::duration>(kRedrawInterval)
+                                : std::chrono::duration_cast<Clock::duration>(kLineInterval))) {
+    show(now);
   }
 }
 
-void Progress::finish() {
+void Progress::finish(const std::string& prefix) {
   clear();
   const double elapsed = seconds(Clock::now() - m_start);
+  const double rate = kibPerSecond(m_done, elapsed);
   char line[160];
-  std::snprintf(line, sizeof line, "%s%llu bytes in %.3f s (%.1f KiB/s)\n", m_prefix.c_str(),
-                static_cast<unsigned long long>(m_done), elapsed, kibPerSecond(m_done, elapsed));
-  std::cout.flush();
-  std::cerr << line << std::flush;
+  std::snprintf(line, sizeof line, "%s%llu bytes in %.3f s (%.1f KiB/s)", prefix.c_str(),
+                static_cast<unsigned long long>(m_done), elapsed, rate);
+  m_output.info(line, {{"operation", m_label}, {"bytes", m_done}, {"seconds", elapsed}, {"kib_per_s", rate}});
 }
 
-void Progress::draw(Clock::time_point now) {
-  m_lastDraw = now;
+void Progress::show(Clock::time_point now) {
+  m_lastShown = now;
   const double fraction = m_total != 0 ? static_cast<double>(m_done) / static_cast<double>(m_total) : 1.0;
-  const int filled = static_cast<int>(fraction * kBarWidth);
-  std::string bar(static_cast<size_t>(filled), '#');
-  bar.resize(kBarWidth, '.');
-  char line[200];
-  std::snprintf(line, sizeof line, "\r%s [%s] %3d%%  %llu/%llu bytes  %.1f KiB/s\033[K", m_label.c_str(),
-                bar.c_str(), static_cast<int>(fraction * 100), static_cast<unsigned long long>(m_done),
-                static_cast<unsigned long long>(m_total), kibPerSecond(m_done, seconds(now - m_start)));
+  const double elapsed = seconds(now - m_start);
+  const double rate = kibPerSecond(m_done, elapsed);
+  const std::string left =
+      rate > 0 ? clock(static_cast<double>(m_total - m_done) / kBytesPerKiB / rate) : std::string("?");
+  char line[240];
+  if (m_display == Display::kBar) {
+    std::string bar(static_cast<size_t>(fraction * kBarWidth), '#');
+    bar.resize(kBarWidth, '.');
+    // A carriage return, the bar, then an erase to the end of the line.
+    std::snprintf(line, sizeof line, "\r%s [%s] %3d%%  %llu/%llu bytes  %.1f KiB/s  ETA %s\033[K",
+                  m_label.c_str(), bar.c_str(), static_cast<int>(fraction * 100),
+                  static_cast<unsigned long long>(m_done), static_cast<unsigned long long>(m_total), rate,
+                  left.c_str());
+    m_drawn = true;
+  } else {
+    std::snprintf(line, sizeof line, "kvx-ta: %s %3d%%  %llu/%llu bytes  %.1f KiB/s  ETA %s\n",
+                  m_label.c_str(), static_cast<int>(fraction * 100), static_cast<unsigned long long>(m_done),
+                  static_cast<unsigned long long>(m_total), rate, left.c_str());
+  }
   std::cerr << line << std::flush;
-  m_drawn = true;
 }
 
 void Progress::clear() {
   if (m_drawn) {
-    // Carriage return, then erase to the end of the line.
     std::cerr << "\r\033[K" << std::flush;
     m_drawn = false;
   }

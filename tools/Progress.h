@@ -1,6 +1,8 @@
-// Reports a bulk transfer: a progress bar with bytes and rate on stderr while it runs, when stderr
-// is a terminal and the transfer is large enough to be worth watching, then one summary line
-// "N bytes in X s (Y KiB/s)" on stderr when it is done. Single-threaded.
+// Reports a bulk transfer. While it runs: a bar with bytes, rate and time left on stderr, when
+// stderr is a terminal and the transfer is large enough to be worth watching, or a plain line a
+// second with --progress when stderr is not a terminal. When it is done: one summary,
+// "N bytes in X s (Y KiB/s)", or a JSON object with --json; informational, so --quiet drops it.
+// Single-threaded.
 #pragma once
 
 #include <chrono>
@@ -9,35 +11,37 @@
 
 namespace kvx::cli {
 
+class Output;
+
 class Progress {
  public:
-  /// Starts the clock for a transfer of `total` bytes. `prefix` starts the summary line (empty,
-  /// or e.g. "verified "). `barAllowed` false keeps the bar off, e.g. while the transfer itself
-  /// prints on the same terminal.
-  Progress(std::string label, uint64_t total, std::string prefix = "", bool barAllowed = true);
+  /// Starts the clock for a transfer of `total` bytes called `label` ("dump"). `barAllowed` false
+  /// keeps the terminal bar off, e.g. while the transfer itself prints on the same terminal.
+  Progress(Output& output, std::string label, uint64_t total, bool barAllowed = true);
   /// Clears a bar left by a transfer that failed, so the error message starts a clean line.
   ~Progress();
 
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  /// Counts `bytes` more as moved; redraws the bar at most about ten times a second.
+  /// Counts `bytes` more as moved; redraws at most about ten times a second.
   void advance(uint64_t bytes);
-  /// Clears the bar and prints the summary line.
-  void finish();
+  /// Clears the bar and reports the summary, starting it with `prefix` ("verified ").
+  void finish(const std::string& prefix = "");
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  void draw(Clock::time_point now);
+  void show(Clock::time_point now);
   void clear();
 
+  Output& m_output;
   std::string m_label;
   uint64_t m_total;
-  std::string m_prefix;
-  bool m_showBar;
+  /// The bar on a terminal, or lines with --progress, or nothing.
+  enum class Display { kNone, kBar, kLines } m_display;
   Clock::time_point m_start;
-  Clock::time_point m_lastDraw;
+  Clock::time_point m_lastShown;
   uint64_t m_done = 0;
   bool m_drawn = false;
 };

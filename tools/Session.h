@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/Endpoint.h"
 
@@ -18,29 +19,38 @@ class SimulatorProcess;
 
 namespace kvx::cli {
 
+class Output;
 class Target;
+struct Invocation;
 
 class Session {
  public:
-  /// `server` is the agent to use; without one, the first use of target() starts the simulator
-  /// at `simulatorPath` and announces it on stderr.
-  Session(std::optional<common::Endpoint> server, std::string simulatorPath);
+  /// The agent is the one --server names; without one, the first use of target() starts the
+  /// simulator at `simulatorPath` with the --sim-option options and announces it. Results and
+  /// messages go to `output`, which must outlive the session.
+  Session(const Invocation& invocation, Output& output, std::string simulatorPath);
   /// Closes the target, then stops the simulator.
   ~Session();
 
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// The target, opened on the first call. Throws std::runtime_error when the simulator cannot
-  /// be started or the agent cannot be reached.
+  /// The target, opened on the first call. Throws Failure when the simulator cannot be started
+  /// or the agent cannot be reached.
   Target& target();
 
+  Output& output() { return m_output; }
+  /// Whether --force allows transfers above the sane bound.
+  bool force() const { return m_force; }
   /// Whether --server named the agent.
   bool hasServer() const { return m_server.has_value(); }
   const std::string& simulatorPath() const { return m_simulatorPath; }
 
  private:
   std::optional<common::Endpoint> m_server;
+  std::vector<std::string> m_simulatorOptions;
+  bool m_force;
+  Output& m_output;
   std::string m_simulatorPath;
   // Declared in this order so that the target goes before the agent it talks to.
   std::unique_ptr<common::SimulatorProcess> m_embedded;

@@ -6,12 +6,12 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
 
 #include "common/Endpoint.h"
+#include "tools/Diagnosis.h"
 
 namespace vorn {
 class ConfigBlock;
@@ -24,7 +24,7 @@ namespace kvx::cli {
 class Target {
  public:
   /// Admits a configuration for `endpoint`, obtains its process and opens its agent session.
-  /// Throws std::runtime_error when the plug-in declines or no session can be opened.
+  /// Throws Failure, with the reason, when the plug-in declines or no session can be opened.
   explicit Target(const common::Endpoint& endpoint);
   /// Unregisters the client. Makes no agent call: the session closes with the program.
   ~Target();
@@ -36,17 +36,22 @@ class Target {
   /// ServerAddress and ServerPort.
   static boost::shared_ptr<vorn::ConfigBlock> configFor(const common::Endpoint& endpoint);
 
-  // Target memory, in the memory space the process announces. One call is one access of `size`
-  // bytes (1 to 8), bytes in target memory order. A refusal or a lost agent throws
-  // vorn::Exception; when the agent no longer answers, its message says so.
+  // Every operation below throws Failure when the agent refuses or is gone, saying why.
+
+  /// One access of `size` bytes (1 to 8) at `address`, bytes in target memory order, in the
+  /// memory space the process announces.
   void read(uint64_t address, uint8_t* bytes, unsigned size);
   void write(uint64_t address, const uint8_t* bytes, unsigned size);
 
-  // Registers are 64 bits wide. Failures as for memory.
-  uint64_t readRegister(const std::string& name);
+  /// A register's value and its width in bytes (1 to 8).
+  struct Register {
+    uint64_t value;
+    unsigned width;
+  };
+  /// Learns the width from which bytes the agent library stores: two reads.
+  Register readRegister(const std::string& name);
   void writeRegister(const std::string& name, uint64_t value);
 
-  // Reservations of target memory. A failure throws std::runtime_error.
   /// The address of a new block of `size` bytes.
   uint64_t reserve(uint64_t size);
   void unreserve(uint64_t address);
@@ -55,19 +60,18 @@ class Target {
   const common::Endpoint& endpoint() const { return m_endpoint; }
 
  private:
-  /// Reservations act on whichever session the agent library has open and never open one
-  /// themselves, so this makes sure the open session is this process's before each of them.
-  void ensureSession();
-  /// Runs one access of the process and returns its result. When it throws because the session
-  /// is gone, the exception says that the agent no longer answers.
-  template <typename Access>
-  bool guarded(Access access);
+  /// Runs `access`, a call of the process that returns true or throws vorn::Exception. On a
+  /// failure throws Failure(`attempted`, why): the agent is gone, or `refusal()` says why it
+  /// refused.
+  template <typename Access, typename Refusal>
+  void guarded(const std::string& attempted, Access access, Refusal refusal);
+  /// A reservation operation's failure: the agent is gone, or `refusal` is why it refused.
+  [[noreturn]] void reservationFailed(const std::string& attempted, const std::string& refusal);
   /// Whether this process's agent session is still up (a refusal leaves it up).
   bool agentAnswers();
-  /// The error of a reservation operation that failed, saying whether the agent refused or is gone.
-  std::runtime_error reservationFailure(const std::string& what);
 
   common::Endpoint m_endpoint;
+  Diagnosis m_diagnosis;
   boost::shared_ptr<vorn::ConfigBlock> m_config;
   boost::shared_ptr<vorn::TargetConfig_TaProcessClient> m_client;
   boost::shared_ptr<vorn::TaProcessKVX> m_process;
