@@ -4,11 +4,13 @@
 #
 #   lib/libta_kvx.so, lib/libvorn_host.so, lib/libtarget.agent.so   side by side
 #   bin/kvx-ta, bin/kvx-agent-sim
+#   share/man/man1/                                                  their man pages
 #   include/{vorn,manager,agent,client}/...
 #   lib/cmake/ta_kvx/                                                the CMake package
 #
-# Two components: `runtime` (libraries and programs) and `development` (headers and the CMake
-# package), so `cmake --install <build> --component runtime` deploys a target machine.
+# Two components: `runtime` (libraries and programs, with their man pages) and `development`
+# (headers and the CMake package), so `cmake --install <build> --component runtime` deploys a
+# target machine.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -43,6 +45,14 @@ install(TARGETS target_agent
 
 # Their libraries come from the prefix's lib/, through their $ORIGIN/../lib run path.
 install(TARGETS kvx_ta kvx_agent_sim RUNTIME DESTINATION "${TA_KVX_INSTALL_BINDIR}" COMPONENT runtime)
+
+# Beside the programs, under the prefix: man finds <prefix>/share/man through a PATH entry
+# <prefix>/bin.
+install(FILES
+  "${PROJECT_BINARY_DIR}/share/man/man1/kvx-ta.1"
+  "${PROJECT_BINARY_DIR}/share/man/man1/kvx-agent-sim.1"
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+  COMPONENT runtime)
 
 # ---- Headers ----
 

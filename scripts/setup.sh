@@ -13,6 +13,8 @@ packages=(
   liblog4cxx-dev
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
+  # man pages, generated from the programs' --help
+  help2man
   # packaging tests: CPack's Depends line needs dpkg-shlibdeps (dpkg-dev) and file; the tests
   # read dynamic sections with readelf (binutils)
   dpkg-dev file binutils
