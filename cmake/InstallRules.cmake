@@ -4,13 +4,13 @@
 #
 #   lib/libta_kvx.so, lib/libvorn_host.so, lib/libtarget.agent.so   side by side
 #   bin/kvx-ta, bin/kvx-agent-sim
-#   share/man/man1/                                                  their man pages
+#   share/man/man1/, share/bash-completion/completions/kvx-ta       their man pages, completion
 #   include/{vorn,manager,agent,client}/...
 #   lib/cmake/ta_kvx/                                                the CMake package
 #
-# Two components: `runtime` (libraries and programs, with their man pages) and `development`
-# (headers and the CMake package), so `cmake --install <build> --component runtime` deploys a
-# target machine.
+# Two components: `runtime` (libraries and programs, with their man pages and completion) and
+# `development` (headers and the CMake package), so `cmake --install <build> --component runtime`
+# deploys a target machine.
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -47,11 +47,15 @@ install(TARGETS target_agent
 install(TARGETS kvx_ta kvx_agent_sim RUNTIME DESTINATION "${TA_KVX_INSTALL_BINDIR}" COMPONENT runtime)
 
 # Beside the programs, under the prefix: man finds <prefix>/share/man through a PATH entry
-# <prefix>/bin.
+# <prefix>/bin; bash-completion loads a completion from a directory in XDG_DATA_DIRS.
 install(FILES
   "${PROJECT_BINARY_DIR}/share/man/man1/kvx-ta.1"
   "${PROJECT_BINARY_DIR}/share/man/man1/kvx-agent-sim.1"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+  COMPONENT runtime)
+install(FILES "${PROJECT_SOURCE_DIR}/tools/kvx-ta.bash-completion"
+  DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
+  RENAME kvx-ta
   COMPONENT runtime)
 
 # ---- Headers ----
