@@ -150,8 +150,8 @@ set(CPACK_STRIP_FILES ON)
 # only below the staging directory (DESTDIR) that CPack's DEB generator installs into, and
 # EXCLUDE_FROM_ALL, so that `cmake --install <build> --prefix P` installs nothing outside P.
 # CPack installs the component by name, after everything else (CPACK_INSTALL_CMAKE_PROJECTS).
-# The DEB generator installs with DESTDIR by default; said here, since the component needs it.
-set(CPACK_SET_DESTDIR ON)
+# The DEB generator stages with DESTDIR on its own. (Setting CPACK_SET_DESTDIR ON would not say
+# the same: it installs into CMAKE_INSTALL_PREFIX rather than /opt/ta_kvx.)
 set(debian_source "${PROJECT_SOURCE_DIR}/packaging/debian")
 set(debian_build "${PROJECT_BINARY_DIR}/debian")
 add_custom_command(
