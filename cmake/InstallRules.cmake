@@ -4,11 +4,13 @@
 #
 #   lib/libta_kvx.so, lib/libvorn_host.so, lib/libtarget.agent.so   side by side
 #   bin/kvx-ta, bin/kvx-agent-sim
+#   share/man/man1/, share/bash-completion/completions/kvx-ta       their man pages, completion
 #   include/{vorn,manager,agent,client}/...
 #   lib/cmake/ta_kvx/                                                the CMake package
 #
-# Two components: `runtime` (libraries and programs) and `development` (headers and the CMake
-# package), so `cmake --install <build> --component runtime` deploys a target machine.
+# Two components: `runtime` (libraries and programs, with their man pages and completion) and
+# `development` (headers and the CMake package), so `cmake --install <build> --component runtime`
+# deploys a target machine. A third, `debian`, is only for the Debian package (see there).
 
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -43,6 +45,18 @@ install(TARGETS target_agent
 
 # Their libraries come from the prefix's lib/, through their $ORIGIN/../lib run path.
 install(TARGETS kvx_ta kvx_agent_sim RUNTIME DESTINATION "${TA_KVX_INSTALL_BINDIR}" COMPONENT runtime)
+
+# Beside the programs, under the prefix: man finds <prefix>/share/man through a PATH entry
+# <prefix>/bin; bash-completion loads a completion from a directory in XDG_DATA_DIRS.
+install(FILES
+  "${PROJECT_BINARY_DIR}/share/man/man1/kvx-ta.1"
+  "${PROJECT_BINARY_DIR}/share/man/man1/kvx-agent-sim.1"
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+  COMPONENT runtime)
+install(FILES "${PROJECT_SOURCE_DIR}/tools/kvx-ta.bash-completion"
+  DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
+  RENAME kvx-ta
+  COMPONENT runtime)
 
 # ---- Headers ----
 
@@ -102,9 +116,10 @@ set(CPACK_PACKAGE_VENDOR "ta_kvx developers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 # CPack puts the summary first; this is the extended description below it.
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-  "The plug-in libta_kvx.so with stand-ins for the host framework library and the target agent
-client library beside it, the command-line host kvx-ta, the simulated target agent
-kvx-agent-sim, and the headers and CMake package to build a host against the plug-in.")
+  "The plug-in libta_kvx.so with stand-ins for the host framework library and
+the target agent client library beside it, the command-line host kvx-ta, the
+simulated target agent kvx-agent-sim, and the headers and CMake package to
+build a host against the plug-in.")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "ta_kvx developers <ta-kvx@example.invalid>")
 set(CPACK_DEBIAN_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -124,5 +139,50 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
   "${CPACK_PACKAGING_INSTALL_PREFIX}/${TA_KVX_INSTALL_LIBDIR}")
 # Only for building against the CMake package, which finds Boost.Thread.
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "libboost-thread-dev (>= 1.74)")
+
+# The build keeps its debugging information; the package does not.
+set(CPACK_STRIP_FILES ON)
+
+# What a Debian package carries outside its prefix: the copyright file and changelog in
+# /usr/share/doc/ta-kvx, the lintian override of the /opt layout, and a link that lets
+# bash-completion, which looks in /usr/share and not beside programs, load the completion of
+# /opt/ta_kvx/bin/kvx-ta. These are the `debian` component: absolute destinations, meaningful
+# only below the staging directory (DESTDIR) that CPack's DEB generator installs into, and
+# EXCLUDE_FROM_ALL, so that `cmake --install <build> --prefix P` installs nothing outside P.
+# CPack installs the component by name, after everything else (CPACK_INSTALL_CMAKE_PROJECTS).
+# The DEB generator stages with DESTDIR on its own. (Setting CPACK_SET_DESTDIR ON would not say
+# the same: it installs into CMAKE_INSTALL_PREFIX rather than /opt/ta_kvx.)
+set(debian_source "${PROJECT_SOURCE_DIR}/packaging/debian")
+set(debian_build "${PROJECT_BINARY_DIR}/debian")
+add_custom_command(
+  OUTPUT "${debian_build}/changelog.gz"
+  COMMAND "${CMAKE_COMMAND}" -E copy "${debian_source}/changelog" "${debian_build}/changelog"
+  COMMAND gzip -9nf "${debian_build}/changelog"
+  DEPENDS "${debian_source}/changelog"
+  VERBATIM)
+add_custom_target(ta_kvx_debian_changelog ALL DEPENDS "${debian_build}/changelog.gz")
+file(MAKE_DIRECTORY "${debian_build}")
+file(CREATE_LINK
+  "${CPACK_PACKAGING_INSTALL_PREFIX}/${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions/kvx-ta"
+  "${debian_build}/kvx-ta" SYMBOLIC)
+
+install(CODE [[
+  if("$ENV{DESTDIR}" STREQUAL "")
+    message(FATAL_ERROR "the debian component installs into /usr/share: only for cpack -G DEB")
+  endif()]]
+  COMPONENT debian EXCLUDE_FROM_ALL)
+install(FILES "${debian_source}/copyright" "${debian_build}/changelog.gz"
+  DESTINATION /usr/share/doc/ta-kvx
+  COMPONENT debian EXCLUDE_FROM_ALL)
+install(FILES "${debian_source}/lintian-overrides"
+  DESTINATION /usr/share/lintian/overrides
+  RENAME ta-kvx
+  COMPONENT debian EXCLUDE_FROM_ALL)
+install(FILES "${debian_build}/kvx-ta"
+  DESTINATION /usr/share/bash-completion/completions
+  COMPONENT debian EXCLUDE_FROM_ALL)
+set(CPACK_INSTALL_CMAKE_PROJECTS
+  "${PROJECT_BINARY_DIR};${PROJECT_NAME};ALL;/"
+  "${PROJECT_BINARY_DIR};${PROJECT_NAME};debian;/")
 
 include(CPack)

@@ -13,9 +13,14 @@ packages=(
   liblog4cxx-dev
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
+  libsrecord-dev libelf-dev nlohmann-json3-dev zlib1g-dev
+  # Python extension modules (pybind11) and pytest
+  pybind11-dev python3-dev python3-pytest
+  # man pages, generated from the programs' --help
+  help2man
   # packaging tests: CPack's Depends line needs dpkg-shlibdeps (dpkg-dev) and file; the tests
-  # read dynamic sections with readelf (binutils)
-  dpkg-dev file binutils
+  # read dynamic sections with readelf (binutils) and check the package with lintian
+  dpkg-dev file binutils lintian
   # hand checks, such as scripted client connections to the simulator; no test runs it
   python3
 )

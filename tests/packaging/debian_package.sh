@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian package with CPack into a temporary directory and checks it: everything under
-# one prefix, the three libraries side by side in its lib/, the development files, and a Depends
-# line that names the package of every system library the packaged binaries need.
+# one prefix but the few files Debian wants in /usr/share, the three libraries side by side in its
+# lib/, the development files, the man pages and completion, a Depends line that names the
+# package of every system library the packaged binaries need, and no error from lintian.
 #
 # usage: debian_package.sh CPACK BUILD_DIR
 set -euo pipefail
@@ -17,7 +18,7 @@ debs=("$WORK"/*.deb)
 deb=${debs[0]}
 
 info=$(dpkg-deb --info "$deb")
-contents=$(dpkg-deb --contents "$deb" | awk '{print $NF}')
+contents=$(dpkg-deb --contents "$deb" | awk '{ sub(/ -> .*/, ""); print $NF }')
 echo "$info"
 echo "$contents"
 
@@ -29,10 +30,27 @@ depends=$(field Depends)
 prefix=./opt/ta_kvx
 for file in lib/libta_kvx.so lib/libvorn_host.so lib/libtarget.agent.so \
             include/manager/TaProcessManager.h include/agent/TargetAgent.h \
-            lib/cmake/ta_kvx/ta_kvxConfig.cmake lib/cmake/ta_kvx/ta_kvxConfigVersion.cmake; do
+            lib/cmake/ta_kvx/ta_kvxConfig.cmake lib/cmake/ta_kvx/ta_kvxConfigVersion.cmake \
+            share/man/man1/kvx-ta.1 share/man/man1/kvx-agent-sim.1 \
+            share/bash-completion/completions/kvx-ta; do
   grep -qxF "$prefix/$file" <<<"$contents" || fail "the package lacks $prefix/$file"
 done
-outside=$(grep -v -e "^$prefix/" -e '^\./$' -e '^\./opt/$' <<<"$contents" || true)
+# Outside the prefix: what Debian wants of every package, and the link through which
+# bash-completion finds the completion.
+outside=$(grep -v "^$prefix/" <<<"$contents" | grep -vxF "./
+./opt/
+./usr/
+./usr/share/
+./usr/share/doc/
+./usr/share/doc/ta-kvx/
+./usr/share/doc/ta-kvx/copyright
+./usr/share/doc/ta-kvx/changelog.gz
+./usr/share/lintian/
+./usr/share/lintian/overrides/
+./usr/share/lintian/overrides/ta-kvx
+./usr/share/bash-completion/
+./usr/share/bash-completion/completions/
+./usr/share/bash-completion/completions/kvx-ta" || true)
 [ -z "$outside" ] || fail "the package installs outside $prefix: $outside"
 
 # Depends names packages; compare names only, without versions or alternatives.
@@ -43,6 +61,23 @@ done
 [ -n "$(printf '%s\n' "${!depended[@]}" | grep '^liblog4cxx')" ] || fail "Depends names no liblog4cxx package: $depends"
 
 dpkg-deb -x "$deb" "$WORK/root"
+link=$(readlink "$WORK/root/usr/share/bash-completion/completions/kvx-ta")
+[ "$link" = "${prefix#.}/share/bash-completion/completions/kvx-ta" ] || fail "the completion's link points at '$link'"
+version=$(field Version)
+changelog=$(zcat "$WORK/root/usr/share/doc/ta-kvx/changelog.gz")
+[[ ${changelog%%$'\n'*} == "ta-kvx ($version) "* ]] || fail "the changelog's latest entry is not for version $version"
+
+# No errors, the /opt layout aside, which the package's own override explains.
+command -v lintian >/dev/null || fail "lintian is not installed (scripts/setup.sh installs it)"
+lintian_options=()
+[ "$(id -u)" -ne 0 ] || lintian_options+=(--allow-root)
+lintian_status=0
+lintian_output=$(lintian "${lintian_options[@]}" "$deb" 2>&1) || lintian_status=$?
+echo "lintian: ${lintian_output:-no tags}"
+if grep -q '^E:' <<<"$lintian_output" || [ "$lintian_status" -ne 0 ]; then
+  fail "lintian reports errors (status $lintian_status)"
+fi
+
 shipped=$(find "$WORK/root" -type f -printf '%f\n')
 while IFS= read -r elf; do
   for soname in $(LC_ALL=C readelf -d "$elf" | sed -n 's/.*(NEEDED) *Shared library: \[\(.*\)\]$/\1/p'); do
