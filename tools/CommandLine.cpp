@@ -30,7 +30,7 @@ bool commandTakes(const CommandSpec* spec, const std::string& name) {
 }  // namespace
 
 po::options_description CommandLine::options() {
-  po::options_description options("Options (before or after the command)");
+  po::options_description options("Options");
   // clang-format off
   options.add_options()
       ("server", po::value<std::string>()->value_name("HOST:PORT"),

@@ -54,7 +54,8 @@ void Help::program(std::ostream& out) {
          "Reads and writes a target through the KVX target-access plug-in, the way a debugger\n"
          "host does. Without --server, kvx-ta starts its own simulated agent (kvx-agent-sim)\n"
          "for the run, so each run starts from a fresh target; 'script' runs several commands\n"
-         "in one session. 'kvx-ta help COMMAND' describes a command.\n"
+         "in one session. 'kvx-ta help COMMAND' describes a command. Options may come before\n"
+         "or after the command.\n"
          "\n"
          "Commands:\n";
   for (const CommandSpec& spec : Commands::table()) {
