@@ -30,8 +30,8 @@
 
 namespace {
 
+using kvx::agent::Status;
 using kvx::test::SimProcess;
-using target_agent::Status;
 namespace protocol = kvx::protocol;
 using Clock = std::chrono::steady_clock;
 using Frame = std::vector<uint8_t>;
