@@ -34,7 +34,8 @@ WireConnection::WireConnection(const Endpoint& endpoint) {
   }
   m_fd = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int on = 1;
-  const bool connected = m_fd >= 0 && limitWaits(m_fd) && ::connect(m_fd, found->ai_addr, found->ai_addrlen) == 0 &&
+  const bool connected = m_fd >= 0 && limitWaits(m_fd) &&
+                         ::connect(m_fd, found->ai_addr, found->ai_addrlen) == 0 &&
                          ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
   const int error = errno;
   ::freeaddrinfo(found);
@@ -100,8 +101,9 @@ WireListener::WireListener() : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  if (m_fd < 0 || !limitWaits(m_fd) || ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(m_fd, 4) != 0 || ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  if (m_fd < 0 || !limitWaits(m_fd) ||
+      ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(m_fd, 4) != 0 ||
+      ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     throw std::runtime_error(std::string("cannot listen on loopback: ") + std::strerror(errno));
   }
   m_port = ntohs(address.sin_port);
