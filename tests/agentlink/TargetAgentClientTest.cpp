@@ -92,8 +92,6 @@ class TargetAgentClientTest : public ::testing::Test {
 };
 
 TEST_F(TargetAgentClientTest, CallsMoveExactlyTheirWidthAndRefusalsHandBackNothing) {
-  // 0 ms is no deadline a call could keep: the library takes its default instead.
-  ::setenv("TA_AGENT_TIMEOUT_MS", "0", 1);
   SimProcess sim({"--deny", "0x1000:0x10"});
   ASSERT_EQ(connect(sim), 0);
   // A write stores exactly `size` bytes, a read hands back exactly `size` bytes.
@@ -116,6 +114,15 @@ TEST_F(TargetAgentClientTest, CallsMoveExactlyTheirWidthAndRefusalsHandBackNothi
   EXPECT_EQ(buffer[0], 0xEE);
   EXPECT_EQ(untouched, 0x77u);
   EXPECT_EQ(get_sock_status(), 0);
+}
+
+// 0 ms is no deadline a call could keep: the library takes its default instead, which a late
+// reply meets.
+TEST_F(TargetAgentClientTest, DeadlineOfZeroMillisecondsIsTakenForTheDefault) {
+  ::setenv("TA_AGENT_TIMEOUT_MS", "0", 1);
+  ScriptedAgent agent;
+  EXPECT_EQ(
+      agent.handshake([](Frame&, auto&) { std::this_thread::sleep_for(std::chrono::milliseconds(100)); }), 0);
 }
 
 // No session is open: a call that looked for one before checking its arguments would answer
