@@ -126,4 +126,10 @@ Frame encoded(const protocol::Request& request) {
   return frame;
 }
 
+Frame encoded(const protocol::Reply& reply) {
+  Frame frame(protocol::kMaxFrameSize);
+  frame.resize(protocol::encodeReply(reply, frame.data(), frame.size()));
+  return frame;
+}
+
 }  // namespace kvx::common

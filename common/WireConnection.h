@@ -3,7 +3,8 @@
 // send, an agent played by the test. It checks nothing the caller does not ask for. Every wait is
 // bounded by five seconds, so a peer that falls silent fails a call instead of hanging it.
 //
-// Each instance owns its socket. Not thread-safe.
+// Each instance owns its socket. Not thread-safe, except that one thread may send while another
+// receives.
 #pragma once
 
 #include <chrono>
@@ -75,5 +76,7 @@ class WireListener {
 
 /// `request` as one frame.
 Frame encoded(const protocol::Request& request);
+/// `reply` as one frame, for a test that plays the agent.
+Frame encoded(const protocol::Reply& reply);
 
 }  // namespace kvx::common

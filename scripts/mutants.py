@@ -24,7 +24,7 @@ BUILD = os.path.join(ROOT, "build", "mutants")
 TESTS = {
     "plugin": ["-L", "unit|concurrency"],
     "agent": ["-R", "AgentProtocol|TargetAgentClient|AgentFault"],
-    "sim": ["-R", "Simulator|ReservationMap|TargetMemory|RegisterFile|TargetAgentClient"],
+    "sim": ["-R", "Simulator|ReservationMap|TargetMemory|RegisterFile|^ConnectionTest|TargetAgentClient"],
     "cli": ["-R", "KvxTa"],
 }
 

@@ -17,9 +17,7 @@
 #include <new>
 #include <utility>
 
-namespace target_agent {
-
-namespace protocol = kvx::protocol;
+namespace kvx::agent {
 
 /// One name lookup handed to libc's resolver threads (getaddrinfo_a). Everything the resolver
 /// reads or writes lives in here, on the heap: a lookup given up at its deadline goes on in a
@@ -330,4 +328,4 @@ Status AgentSession::drop(Status status) {
   return status;
 }
 
-}  // namespace target_agent
+}  // namespace kvx::agent

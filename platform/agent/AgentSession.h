@@ -12,7 +12,7 @@
 #include "platform/agent/AgentStatus.h"
 #include "platform/protocol/AgentProtocol.h"
 
-namespace target_agent {
+namespace kvx::agent {
 
 struct NameLookup;
 
@@ -42,7 +42,7 @@ class AgentSession {
   /// answered with a refusal (`reply.status` says why). On a timeout, a lost connection or a
   /// reply that does not match, the connection is dropped and that status returned; later calls
   /// then fail fast with kConnectionLost.
-  Status transact(kvx::protocol::Request& request, kvx::protocol::Reply& reply);
+  Status transact(protocol::Request& request, protocol::Reply& reply);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -50,7 +50,7 @@ class AgentSession {
   Status connectTo(const char* address, int32_t port, Clock::time_point deadline);
   /// transact() against `deadline`. `deadlineIsFresh`: it was set just before this call, so the
   /// socket's receive timeout, which is the whole deadline, may bound the first wait.
-  Status exchange(kvx::protocol::Request& request, kvx::protocol::Reply& reply, Clock::time_point deadline,
+  Status exchange(protocol::Request& request, protocol::Reply& reply, Clock::time_point deadline,
                   bool deadlineIsFresh);
   /// Sends the whole frame by `deadline`; `atOnce` tells whether the first attempt took it whole.
   Status sendFrame(const uint8_t* frame, size_t length, Clock::time_point deadline, bool& atOnce);
@@ -69,8 +69,8 @@ class AgentSession {
   /// freed by a later lookup once it has finished.
   NameLookup* m_abandonedLookups = nullptr;
   // Frames are built and received here, so a request allocates nothing.
-  uint8_t m_sendBuffer[kvx::protocol::kMaxFrameSize] = {};
-  uint8_t m_receiveBuffer[kvx::protocol::kMaxFrameSize] = {};
+  uint8_t m_sendBuffer[protocol::kMaxFrameSize] = {};
+  uint8_t m_receiveBuffer[protocol::kMaxFrameSize] = {};
 };
 
-}  // namespace target_agent
+}  // namespace kvx::agent

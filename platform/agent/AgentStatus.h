@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace target_agent {
+namespace kvx::agent {
 
 enum class Status : int32_t {
   kOk = 0,
@@ -32,4 +32,4 @@ enum class Status : int32_t {
   kVersionMismatch = -8,
 };
 
-}  // namespace target_agent
+}  // namespace kvx::agent

@@ -18,8 +18,8 @@
 
 namespace {
 
-using target_agent::AgentSession;
-using target_agent::Status;
+using kvx::agent::AgentSession;
+using kvx::agent::Status;
 namespace protocol = kvx::protocol;
 
 // g_mutex guards g_session; it is held for one whole call, from sending until the reply is in.
