@@ -1,7 +1,6 @@
 #include "platform/agent/AgentSession.h"
 
 #include <fcntl.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -11,28 +10,11 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 #include <utility>
 
 namespace kvx::agent {
-
-/// One name lookup handed to libc's resolver threads (getaddrinfo_a). Everything the resolver
-/// reads or writes lives in here, on the heap: a lookup given up at its deadline goes on in a
-/// thread of libc, which keeps using this memory until it is done, even after the library that
-/// started it has been unloaded. So it is freed only once gai_cancel says no thread holds it,
-/// and simply left alive when the session forgets it (dlclose): a small leak, never a write into
-/// freed memory. The library starts no thread of its own, which it could not stop before dlclose.
-struct NameLookup {
-  char name[NI_MAXHOST] = {};
-  char service[8] = {};
-  addrinfo hints{};
-  gaicb request{};
-  /// The next lookup on the session's list of abandoned ones.
-  NameLookup* next = nullptr;
-};
 
 namespace {
 
@@ -69,82 +51,6 @@ Status waitFor(int fd, short events, Clock::time_point deadline) {
     if (ready == 0 && Clock::now() >= deadline) return Status::kTimeout;
     if (ready < 0 && errno != EINTR) return Status::kConnectionLost;
   }
-}
-
-/// Frees `lookup` and its result once no resolver thread refers to it any more; until then
-/// keeps it on `abandoned`.
-void release(NameLookup* lookup, NameLookup*& abandoned) {
-  // gai_cancel answers under the resolver's own lock: EAI_NOTCANCELED while a thread works on
-  // the request; any other answer means no thread will touch it again.
-  if (::gai_cancel(&lookup->request) == EAI_NOTCANCELED) {
-    lookup->next = abandoned;
-    abandoned = lookup;
-    return;
-  }
-  if (::gai_error(&lookup->request) == 0 && lookup->request.ar_result != nullptr) {
-    ::freeaddrinfo(lookup->request.ar_result);
-  }
-  delete lookup;
-}
-
-/// Looks up a host name in libc's resolver threads and waits for the answer until `deadline`.
-/// The addresses found, to be freed with freeaddrinfo, or nullptr.
-addrinfo* resolveName(const char* address, const char* service, Clock::time_point deadline,
-                      NameLookup*& abandoned) {
-  // Lookups given up earlier that have finished since are freed now.
-  NameLookup* earlier = abandoned;
-  abandoned = nullptr;
-  while (earlier != nullptr) {
-    NameLookup* lookup = earlier;
-    earlier = earlier->next;
-    release(lookup, abandoned);
-  }
-
-  if (std::strlen(address) >= sizeof NameLookup::name) return nullptr;
-  NameLookup* lookup = new (std::nothrow) NameLookup;
-  if (lookup == nullptr) return nullptr;
-  std::strcpy(lookup->name, address);
-  std::strcpy(lookup->service, service);
-  lookup->hints.ai_family = AF_UNSPEC;
-  lookup->hints.ai_socktype = SOCK_STREAM;
-  lookup->hints.ai_flags = AI_NUMERICSERV;
-  lookup->request.ar_name = lookup->name;
-  lookup->request.ar_service = lookup->service;
-  lookup->request.ar_request = &lookup->hints;
-  gaicb* requests[] = {&lookup->request};
-  addrinfo* found = nullptr;
-  if (::getaddrinfo_a(GAI_NOWAIT, requests, 1, nullptr) == 0) {
-    const gaicb* const waitList[] = {&lookup->request};
-    for (;;) {
-      const int state = ::gai_error(&lookup->request);
-      if (state != EAI_INPROGRESS) {
-        if (state == 0) std::swap(found, lookup->request.ar_result);
-        break;
-      }
-      const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now()).count();
-      if (left <= 0) break;
-      const timespec wait{static_cast<time_t>(left / 1000000000), static_cast<long>(left % 1000000000)};
-      // Returns when the lookup is done, the time is up or a signal came; the loop tells which.
-      (void)::gai_suspend(waitList, 1, &wait);
-    }
-  }
-  release(lookup, abandoned);
-  return found;
-}
-
-/// The addresses of `address` and `service` for a stream socket, found by `deadline`, to be
-/// freed with freeaddrinfo; nullptr when there are none.
-addrinfo* resolve(const char* address, const char* service, Clock::time_point deadline,
-                  NameLookup*& abandoned) {
-  // A numeric address needs no resolver, so it cannot hang and costs no thread.
-  addrinfo hints{};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-  addrinfo* found = nullptr;
-  const int numeric = ::getaddrinfo(address, service, &hints, &found);
-  if (numeric == 0) return found;
-  return numeric == EAI_NONAME ? resolveName(address, service, deadline, abandoned) : nullptr;
 }
 
 /// Turns a connected non-blocking socket into the blocking one that requests use, with the
@@ -190,28 +96,14 @@ Status AgentSession::open(const char* address, int32_t port) {
 }
 
 Status AgentSession::connectTo(const char* address, int32_t port, Clock::time_point deadline) {
-  char service[8];
-  std::snprintf(service, sizeof service, "%d", static_cast<int>(port));
-  addrinfo* found = resolve(address, service, deadline, m_abandonedLookups);
-  if (found == nullptr) return Status::kCannotConnect;
-
-  for (const addrinfo* ai = found; ai != nullptr && m_fd < 0; ai = ai->ai_next) {
-    const int fd = ::socket(ai->ai_family, ai->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, ai->ai_protocol);
-    if (fd < 0) continue;
-    int error = 0;
-    socklen_t length = sizeof error;
-    const bool ok = (::connect(fd, ai->ai_addr, ai->ai_addrlen) == 0 ||
-                     (errno == EINPROGRESS && waitFor(fd, POLLOUT, deadline) == Status::kOk &&
-                      ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0)) &&
-                    configureConnected(fd, m_timeoutMs);
-    if (ok) {
-      m_fd = fd;
-    } else {
-      ::close(fd);
-    }
+  const common::Dialer::Result dialed = m_dialer.dial(address, port, deadline);
+  if (dialed.fd < 0) return Status::kCannotConnect;
+  if (!configureConnected(dialed.fd, m_timeoutMs)) {
+    ::close(dialed.fd);
+    return Status::kCannotConnect;
   }
-  ::freeaddrinfo(found);
-  return m_fd >= 0 ? Status::kOk : Status::kCannotConnect;
+  m_fd = dialed.fd;
+  return Status::kOk;
 }
 
 void AgentSession::close() {

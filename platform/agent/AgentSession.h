@@ -9,12 +9,12 @@
 #include <chrono>
 #include <cstdint>
 
+#include "common/Dialer.h"
 #include "platform/agent/AgentStatus.h"
 #include "platform/protocol/AgentProtocol.h"
 
 namespace kvx::agent {
 
-struct NameLookup;
 
 class AgentSession {
  public:
@@ -65,9 +65,8 @@ class AgentSession {
   uint32_t m_nextId = 1;
   /// The deadline of each call of the open session, in milliseconds.
   int m_timeoutMs = 0;
-  /// Name lookups given up at their deadline while a resolver thread of libc still works on them;
-  /// freed by a later lookup once it has finished.
-  NameLookup* m_abandonedLookups = nullptr;
+  /// Reaches the agent within the call's deadline, a resolver that hangs included.
+  common::Dialer m_dialer;
   // Frames are built and received here, so a request allocates nothing.
   uint8_t m_sendBuffer[protocol::kMaxFrameSize] = {};
   uint8_t m_receiveBuffer[protocol::kMaxFrameSize] = {};
