@@ -170,7 +170,7 @@ TEST_F(KvxTaTest, UsageErrorsExitWithTwoAndOneLineNamingTheArgument) {
   }
 }
 
-TEST_F(KvxTaTest, FailuresExitWithOneAndThePluginsMessage) {
+TEST_F(KvxTaTest, FailuresExitWithOneAndTheirMessage) {
   const std::string plugin = R"( \(TaProcessKVX\.cpp:\d+\)\n)";
   const struct {
     std::string agent;  ///< the simulator's options
