@@ -1,13 +1,12 @@
 // A host built against the installed plug-in: admits a configuration for the agent at ADDRESS
-// and PORT, obtains a process for it, then writes and reads back one memory word and one
-// register. Exits 0 when both came back as written, 1 otherwise, 2 on a usage error.
+// and PORT, obtains a process for it, then writes and reads back one word of target memory.
+// Exits 0 when it came back as written, 1 otherwise, 2 on a usage error.
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
 #include <boost/make_shared.hpp>
-#include <boost/shared_ptr.hpp>
 
 #include "manager/TaProcessManager.h"
 #include "vorn/ConfigBlock.h"
@@ -25,32 +24,23 @@ int main(int argc, char** argv) {
   config->setAttribute("ServerAddress", boost::make_shared<vorn::StringAttribute>(argv[1]));
   const auto port = static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 10));
   config->setAttribute("ServerPort", boost::make_shared<vorn::UInt32Attribute>(port));
-
   vorn::TaProcessManager& manager = vorn::TaProcessManager::getInstance();
   const int32_t admission = manager.registerClient(nullptr, config);
-  boost::shared_ptr<vorn::TaProcess> process = manager.getTaProcess("core0", config);
+  const auto process = manager.getTaProcess("core0", config);
   if (admission != vorn::TA_METHOD_SERVED || !process) {
-    std::fprintf(stderr, "host: configuration not served (answer %d)\n", static_cast<int>(admission));
+    std::fprintf(stderr, "host: configuration not served\n");
     return 1;
   }
+  uint32_t word = 0xc0ffee42;
   try {
     const vorn::ExtAddress address{vorn::ExtAddress::memorySpaceIds.at(0), 0x1000};
-    uint32_t word = 0xc0ffee42;
     process->write_mem(address, 1, sizeof word, &word);
     word = 0;
     process->read_mem(address, 1, sizeof word, &word);
-    uint64_t value = 0x1122334455667788;
-    process->write_register("r1", 1, sizeof value, &value);
-    value = 0;
-    process->read_register("r1", 1, sizeof value, &value);
-    std::printf("memory 0x1000: %#x, register r1: %#llx\n", word, static_cast<unsigned long long>(value));
-    if (word != 0xc0ffee42 || value != 0x1122334455667788) {
-      std::fprintf(stderr, "host: read back differs from what was written\n");
-      return 1;
-    }
   } catch (const vorn::Exception& error) {
     std::fprintf(stderr, "host: %s:%u: %s\n", error.getFile().c_str(), error.getLine(), error.what());
     return 1;
   }
-  return 0;
+  std::printf("memory 0x1000: %#x\n", word);
+  return word == 0xc0ffee42 ? 0 : 1;
 }
