@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tools/Commands.h"
+#include "tools/Failure.h"
 #include "tools/InputFile.h"
 #include "tools/UsageError.h"
 #include "vorn/Exception.h"
@@ -49,6 +50,8 @@ void Script::run(const std::string& path, Session& session) {
       Commands::parse(words.front(), {words.begin() + 1, words.end()}, Commands::Context::kScript)(session);
     } catch (const UsageError& failure) {
       throw UsageError(where + failure.what());
+    } catch (const Failure& failure) {
+      throw Failure(where + failure.attempted(), failure.reason(), failure.detail());
     } catch (const vorn::Exception& failure) {
       throw vorn::Exception(failure.getFile().c_str(), failure.getLine(), where + failure.getMessage());
     } catch (const std::runtime_error& failure) {

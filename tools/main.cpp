@@ -62,7 +62,7 @@ int main(int argc, char* argv[]) {
     output.finish();
     return 0;
   } catch (const UsageError& error) {
-    output.failure(error.what(), "", "");
+    output.failure(error.what(), output.options().json ? "usage" : "", "");
     return kUsage;
   } catch (const Failure& failure) {
     output.failure(failure.attempted(), failure.reason(), failure.detail());

@@ -6,7 +6,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
+#include <memory>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -15,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "common/WireConnection.h"
+#include "platform/protocol/AgentProtocol.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/SimProcess.h"
 
@@ -107,8 +110,8 @@ TEST_F(KvxTaTest, WithoutServerEachRunStartsASimulatorAndStopsItWhateverTheOutco
   const ProgramResult refused = kvxTa("unreserve 0x1234");
   EXPECT_TRUE(refused.exitCode == kFailure &&
               std::regex_search(refused.err,
-                                std::regex(R"(\nkvx-ta: cannot release the block at 0x1234: the agent at )"
-                                           R"(127\.0\.0\.1:\d+ refused\n$)")))
+                                std::regex(R"(\nkvx-ta: cannot release the block at 0x1234: 0x1234 is not )"
+                                           R"(the start of a reserved block\n$)")))
       << refused;
   for (const ProgramResult* result : {&read, &refused}) {
     const size_t at = result->err.find(kStarted);
@@ -131,7 +134,7 @@ TEST_F(KvxTaTest, ScriptRunsInOneSessionAndStopsAtTheFirstFailingLineWithItsNumb
                                      "reg r64\n"
                                      "read 0x1000 2\n");
   EXPECT_TRUE(failed.exitCode == kFailure && failed.out == "0xcafe\n0x0000000000000042\n" &&
-              failed.err.find("\nkvx-ta: script:7: Cannot read register r64 (TaProcessKVX.cpp:") !=
+              failed.err.find("\nkvx-ta: script:7: cannot read register r64: unknown register") !=
                   std::string::npos)
       << failed;
 
@@ -170,32 +173,89 @@ TEST_F(KvxTaTest, UsageErrorsExitWithTwoAndOneLineNamingTheArgument) {
   }
 }
 
-TEST_F(KvxTaTest, FailuresExitWithOneAndTheirMessage) {
-  const std::string plugin = R"( \(TaProcessKVX\.cpp:\d+\)\n)";
+/// An agent played by the test: it answers the first frame of each of two connections (the agent
+/// library's and kvx-ta's diagnosis) with `reply`, then closes.
+struct FakeAgent {
+  explicit FakeAgent(common::Frame reply)
+      : answering(std::async(std::launch::async, [this, reply] {
+          for (int i = 0; i < 2; ++i) {
+            common::WireConnection connection(listener.accept());
+            common::Frame request;
+            if (connection.receiveFrame(request)) connection.send(reply);
+          }
+        })) {}
+  common::Endpoint endpoint() const { return {"127.0.0.1", listener.port()}; }
+  common::WireListener listener;
+  std::future<void> answering;
+};
+
+TEST_F(KvxTaTest, FailuresExitWithOneAndSayWhatWasAttemptedAndWhy) {
+  protocol::Reply olderAgent;
+  olderAgent.value = protocol::kProtocolVersion - 1;
+  olderAgent.status = protocol::ReplyStatus::kVersionMismatch;
+  FakeAgent older(common::encoded(olderAgent));
+  FakeAgent notAnAgent(common::Frame(protocol::kHeaderSize, 'x'));
+  const std::string session = R"(cannot open a session with the agent at [^:]+:\d+: )";
   const struct {
-    std::string agent;  ///< the simulator's options
+    std::string agent;  ///< the simulator's options; kvx-ta's own --server when it starts with '-'
     std::string command;
     std::string stderrPattern;
   } cases[] = {
-      // A refusal leaves the session up: the plug-in's message stands alone.
-      {"--deny 0x100:0x10", "read 0x108", "Cannot read address 108 with memory space logger" + plugin},
-      {"--refuse-sessions", "read 0",
-       R"(cannot open a session with the agent at 127\.0\.0\.1:\d+ \(nothing answers there, )"
-       R"(or the agent refused the session\)\n)"},
-      // The session lost midway.
+      {"--server nosuch.invalid:1", "read 0", session + "the name 'nosuch.invalid' does not resolve"},
+      {"--server 127.0.0.1:1", "read 0", session + "connection refused: nothing listens on port 1"},
+      {"--hang-after 0", "--timeout 300 read 0", session + "no answer within 300 ms .*TA_AGENT_TIMEOUT_MS.*"},
+      {"--refuse-sessions", "read 0", session + "the agent refused the session"},
+      {"--server " + older.endpoint().text(), "read 0",
+       session + "protocol version mismatch: the agent speaks version 1, kvx-ta version 2"},
+      {"--server " + notAnAgent.endpoint().text(), "read 0", session + "what answered is not a KVX agent"},
+      {"--deny 0x100:0x10", "write 0xfe 0xffff", "cannot write 4 bytes at 0xfe: access denied: .*"},
+      {"--memory-limit 0", "write 0 1", "cannot write 4 bytes at 0x0: the target is out of memory.*"},
+      {"", "reg r64", "cannot read register r64: unknown register \\(kvx-ta regs lists the registers\\)"},
+      {"", "reg ps 0x100000000",
+       "cannot write 0x100000000 to register ps: value too wide: ps is a 32-bit register"},
+      {"", "reserve 0x2000000", "cannot reserve 33554432 bytes: no space for a block that size .*"},
       {"--drop-after 20", "dump 0 4096",
-       R"(Cannot read address \w+ with memory space logger: the agent at 127\.0\.0\.1:\d+ no longer answers)" +
-           plugin},
-      {"", "--log-config " + m_dir + "absent read 0", "cannot read log configuration '.*absent': .*\n"},
+       R"(cannot read 8 bytes at 0x\w+: the agent at .* is gone: .*closed.*)"},
+      {"", "--log-config " + m_dir + "absent read 0", "cannot read log configuration '.*absent': .*"},
+      {"", "wait 0 1 --timeout 100 --size 1", "waited 100 ms for 0x01 at 0x0: the last value read was 0x00"},
   };
   for (const auto& c : cases) {
-    SimProcess sim(words("--quiet " + c.agent));
-    const ProgramResult result = kvxTa(c.command, &sim);
+    const bool ownAgent = c.agent.rfind("--server", 0) != 0;
+    std::unique_ptr<SimProcess> sim =
+        ownAgent ? std::make_unique<SimProcess>(words("--quiet " + c.agent)) : nullptr;
+    const ProgramResult result = kvxTa((ownAgent ? "" : c.agent + " ") + c.command, sim.get());
     EXPECT_TRUE(result.exitCode == kFailure &&
-                std::regex_match(result.err, std::regex("kvx-ta: " + c.stderrPattern)))
+                std::regex_match(result.err, std::regex("kvx-ta: " + c.stderrPattern + "\n")))
         << "case: " << c.command << "\n"
         << result;
   }
+}
+
+TEST_F(KvxTaTest, OutputsNeverLie) {
+  SimProcess sim({"--quiet", "--drop-after", "20"});
+  // A failed dump leaves the file it was to replace as it was, and nothing beside it.
+  const std::string out = file("out.bin", "old");
+  EXPECT_EQ(kvxTa("dump 0 4096 --out " + out, &sim).exitCode, kFailure);
+  EXPECT_EQ(contentOf(out), "old");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_dir), {}), 1);
+  // Output that cannot be written is a failure.
+  const ProgramResult full =
+      runProgram({"/bin/sh", "-c", std::string(KVX_TA_PATH) + " -q read 0 >/dev/full"});
+  EXPECT_TRUE(full.exitCode == kFailure &&
+              full.err == "kvx-ta: cannot write the output: No space left on device\n")
+      << full;
+  // With --json, a result and a failure are an object each; --verbose adds the plug-in's location.
+  const ProgramResult json = kvxTa("--json -q script", nullptr, "read 0x1000\nreg nosuch\n");
+  EXPECT_EQ(json.out, "{\"address\":4096,\"size\":4,\"value\":0}\n") << json;
+  EXPECT_EQ(
+      json.err.rfind("{\"error\":\"script:2: cannot read register nosuch\",\"reason\":\"unknown register", 0),
+      0u)
+      << json;
+  const ProgramResult verbose = kvxTa("-q --verbose reg nosuch");
+  EXPECT_TRUE(std::regex_search(
+      verbose.err,
+      std::regex(R"(\n  the plug-in: Cannot read register nosuch \(TaProcessKVX\.cpp:\d+\)\n$)")))
+      << verbose;
 }
 
 TEST_F(KvxTaTest, DemoRunsAndWarnsWhereTheLogConfigurationSays) {
