@@ -109,7 +109,7 @@ FAULTS = [
      "if (false) {", "a range past the top of the address space is accepted"),
     ("cli", "tools/main.cpp", "constexpr int kUsage = 2;", "constexpr int kUsage = 1;", "usage errors exit 1"),
     ("cli", "tools/HexDump.cpp", "c >= 0x20 && c < 0x7f", "c >= 0x20 && c <= 0x7f", "DEL is printed in the ASCII column"),
-    ("cli", "tools/Transfer.cpp", "if (bytes[i] != data[done + i]) {", "if (false) {", "verify finds no mismatch"),
+    ("cli", "tools/Transfer.cpp", "if (expected[i] != found[i]) {", "if (false) {", "verify finds no mismatch"),
 ]
 
 
