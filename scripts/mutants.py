@@ -75,6 +75,8 @@ FAULTS = [
      "a reply to another request is accepted"),
     ("agent", "platform/agent/AgentSession.cpp", "  if (status != Status::kOk) close();\n", "",
      "a refused handshake leaves the connection open"),
+    ("agent", "platform/agent/AgentSession.cpp", "if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {\n      m_fd = fd;",
+     "if (true) {\n      m_fd = fd;", "a parked connection is used again without a check that it is alive"),
     ("agent", "platform/agent/AgentSession.cpp", "value <= 0 ||", "value < 0 ||",
      "a deadline of 0 ms is taken"),
     ("agent", "platform/agent/TargetAgentClient.cpp", "std::memcpy(destination, bytes, reply.width);",

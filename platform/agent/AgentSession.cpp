@@ -70,10 +70,25 @@ bool configureConnected(int fd, int timeoutMs) {
 
 Status AgentSession::open(const char* address, int32_t port) {
   close();
-  if (address == nullptr || port < 1 || port > 65535) return Status::kInvalidArgument;
-  m_timeoutMs = timeoutFromEnvironment();
+  if (address == nullptr || port < 1 || port > 65535 || std::strlen(address) >= kMaxAddress) {
+    return Status::kInvalidArgument;
+  }
+  const int timeoutMs = timeoutFromEnvironment();
+  const Clock::time_point now = Clock::now();
+  expire(now);
+  std::strcpy(m_address, address);
+  m_port = port;
+  if (resume(address, port)) {
+    // The receive timeout is the deadline, which the environment may have changed since.
+    if (timeoutMs == m_timeoutMs || configureConnected(m_fd, timeoutMs)) {
+      m_timeoutMs = timeoutMs;
+      return Status::kOk;
+    }
+    drop(Status::kOk);
+  }
+  m_timeoutMs = timeoutMs;
   // One deadline for the whole call: the lookup, every address tried, and the handshake.
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(m_timeoutMs);
+  const Clock::time_point deadline = now + std::chrono::milliseconds(m_timeoutMs);
 
   const Status connected = connectTo(address, port, deadline);
   if (connected != Status::kOk) return connected;
@@ -90,9 +105,53 @@ Status AgentSession::open(const char* address, int32_t port) {
        reply.status == protocol::ReplyStatus::kVersionMismatch)) {
     status = Status::kVersionMismatch;
   }
-  // A failed handshake leaves no session, whatever the reason.
-  if (status != Status::kOk) close();
+  // A failed handshake leaves no session, whatever the reason, and nothing to park.
+  if (status != Status::kOk && m_fd >= 0) {
+    sayGoodbye(m_fd, m_nextId++);
+    m_fd = -1;
+    m_closedStatus = Status::kNoSession;
+  }
   return status;
+}
+
+bool AgentSession::resume(const char* address, int32_t port) {
+  for (Parked& parked : m_parked) {
+    if (parked.fd < 0 || parked.port != port || std::strcmp(parked.address, address) != 0) continue;
+    const int fd = parked.fd;
+    parked.fd = -1;
+    // Alive: nothing to read and no error. End of stream, a reset, or bytes the agent sent unasked
+    // mean that it is gone, restarted, or out of step with us.
+    uint8_t byte;
+    const ssize_t n = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      m_fd = fd;
+      m_nextId = parked.nextId;
+      return true;
+    }
+    ::close(fd);
+  }
+  return false;
+}
+
+void AgentSession::expire(Clock::time_point now) {
+  for (Parked& parked : m_parked) {
+    if (parked.fd >= 0 && now - parked.since >= kIdleLimit) {
+      sayGoodbye(parked.fd, parked.nextId);
+      parked.fd = -1;
+    }
+  }
+}
+
+void AgentSession::sayGoodbye(int fd, uint32_t id) {
+  // Best effort: lets the agent log a clean end. Nothing waits for it, and a full or broken socket
+  // simply loses it.
+  protocol::Request goodbye;
+  goodbye.opcode = protocol::Opcode::kGoodbye;
+  goodbye.id = id;
+  uint8_t frame[protocol::kMaxFrameSize];
+  const size_t length = protocol::encodeRequest(goodbye, frame, sizeof frame);
+  (void)::send(fd, frame, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+  ::close(fd);
 }
 
 Status AgentSession::connectTo(const char* address, int32_t port, Clock::time_point deadline) {
@@ -108,17 +167,26 @@ Status AgentSession::connectTo(const char* address, int32_t port, Clock::time_po
 
 void AgentSession::close() {
   if (m_fd >= 0) {
-    // Best effort: lets the agent log a clean end. Nothing waits for it, and a full or broken
-    // socket simply loses it.
-    protocol::Request goodbye;
-    goodbye.opcode = protocol::Opcode::kGoodbye;
-    goodbye.id = m_nextId++;
-    const size_t length = protocol::encodeRequest(goodbye, m_sendBuffer, sizeof m_sendBuffer);
-    (void)::send(m_fd, m_sendBuffer, length, MSG_NOSIGNAL | MSG_DONTWAIT);
-    ::close(m_fd);
+    // The slot of the same endpoint, else a free one, else the one parked longest.
+    const Clock::time_point now = Clock::now();
+    Parked* slot = &m_parked[0];
+    for (Parked& parked : m_parked) {
+      if (parked.fd < 0 || parked.since < slot->since) slot = &parked;
+    }
+    if (slot->fd >= 0) sayGoodbye(slot->fd, slot->nextId);
+    *slot = Parked{m_fd, m_port, m_nextId, now, {}};
+    std::strcpy(slot->address, m_address);
     m_fd = -1;
   }
   m_closedStatus = Status::kNoSession;
+}
+
+void AgentSession::closeAll() {
+  close();
+  for (Parked& parked : m_parked) {
+    if (parked.fd >= 0) sayGoodbye(parked.fd, parked.nextId);
+    parked.fd = -1;
+  }
 }
 
 Status AgentSession::checkConnection() {
@@ -133,7 +201,9 @@ Status AgentSession::checkConnection() {
 }
 
 Status AgentSession::transact(protocol::Request& request, protocol::Reply& reply) {
-  return exchange(request, reply, Clock::now() + std::chrono::milliseconds(m_timeoutMs), true);
+  const Clock::time_point now = Clock::now();
+  expire(now);
+  return exchange(request, reply, now + std::chrono::milliseconds(m_timeoutMs), true);
 }
 
 Status AgentSession::exchange(protocol::Request& request, protocol::Reply& reply, Clock::time_point deadline,

@@ -1,9 +1,19 @@
-// One TCP connection to a target agent, carrying one request and its reply at a time.
+// The agent session: one TCP connection to a target agent, carrying one request and its reply at
+// a time, and a few recently used connections kept open behind it.
+//
+// A session that is closed parks its connection, keyed by its address and port, instead of
+// closing it, so that opening a session with that endpoint again costs neither a connect nor a
+// handshake: a host that alternates between agents switches at the cost of one peek. A parked
+// connection is checked alive before it is used again; a dead one (its agent gone or restarted)
+// is closed and replaced by a new connection, within the open's deadline. At most kPoolSize
+// connections are parked; the one parked longest goes when another comes, and any that has been
+// idle for kIdleLimit is closed at the library's next call. Each closed connection gets the
+// agent's Goodbye first.
 //
 // Not thread-safe: the caller serialises every call (libtarget.agent.so holds one instance under
-// one mutex). The instance owns its socket. It is trivially destructible on purpose: the library
+// one mutex). The instance owns its sockets. It is trivially destructible on purpose: the library
 // keeps one at namespace scope, and a host thread still calling in while the process exits must
-// not find it destroyed; the kernel closes the socket at exit.
+// not find it destroyed; closeAll() is for the library's unload.
 #pragma once
 
 #include <chrono>
@@ -15,6 +25,8 @@
 
 namespace kvx::agent {
 
+/// The longest address a session is opened with, NUL included: a host name at most.
+constexpr size_t kMaxAddress = 1025;
 
 class AgentSession {
  public:
@@ -29,9 +41,11 @@ class AgentSession {
   /// failure no session is open.
   Status open(const char* address, int32_t port);
 
-  /// Says goodbye to the agent, without waiting, and closes the connection. Harmless when none
-  /// is open. Later calls fail with kNoSession.
+  /// Ends the session and parks its connection. Harmless when none is open. Later calls fail with
+  /// kNoSession.
   void close();
+  /// Says Goodbye on every connection, the session's and the parked ones, and closes them.
+  void closeAll();
 
   /// kOk while the connection is up. Tests it without consuming data and without blocking: one
   /// non-blocking peek. A connection found closed or in error is dropped.
@@ -47,7 +61,26 @@ class AgentSession {
  private:
   using Clock = std::chrono::steady_clock;
 
+  /// How many connections stay parked, and how long one may wait.
+  static constexpr size_t kPoolSize = 4;
+  static constexpr std::chrono::seconds kIdleLimit{30};
+
+  /// A connection kept open for a session with its endpoint to come.
+  struct Parked {
+    int fd = -1;
+    int32_t port = 0;
+    uint32_t nextId = 0;
+    Clock::time_point since;
+    char address[kMaxAddress] = {};
+  };
+
   Status connectTo(const char* address, int32_t port, Clock::time_point deadline);
+  /// Takes the parked connection to (`address`, `port`) if there is one and it is alive.
+  bool resume(const char* address, int32_t port);
+  /// Closes the parked connections that have been idle for kIdleLimit by `now`.
+  void expire(Clock::time_point now);
+  /// Says Goodbye on `fd`, without waiting, and closes it.
+  void sayGoodbye(int fd, uint32_t id);
   /// transact() against `deadline`. `deadlineIsFresh`: it was set just before this call, so the
   /// socket's receive timeout, which is the whole deadline, may bound the first wait.
   Status exchange(protocol::Request& request, protocol::Reply& reply, Clock::time_point deadline,
@@ -60,6 +93,10 @@ class AgentSession {
   Status drop(Status status);
 
   int m_fd = -1;
+  /// The session's endpoint, under which its connection is parked.
+  char m_address[kMaxAddress] = {};
+  int32_t m_port = 0;
+  Parked m_parked[kPoolSize] = {};
   /// What calls report while m_fd < 0.
   Status m_closedStatus = Status::kNoSession;
   uint32_t m_nextId = 1;

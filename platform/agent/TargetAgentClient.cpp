@@ -28,6 +28,14 @@ AgentSession g_session;
 
 int32_t code(Status status) { return static_cast<int32_t>(status); }
 
+/// At the library's unload, or the process's normal end, the agents hear Goodbye on every
+/// connection the session holds. A thread still in a call then keeps its connection: the
+/// kernel closes it.
+__attribute__((destructor)) void closeConnections() {
+  std::unique_lock<std::mutex> lock(g_mutex, std::try_to_lock);
+  if (lock.owns_lock()) g_session.closeAll();
+}
+
 int32_t transact(protocol::Request& request, protocol::Reply& reply) {
   std::lock_guard<std::mutex> lock(g_mutex);
   return code(g_session.transact(request, reply));

@@ -116,6 +116,27 @@ TEST_F(TargetAgentClientTest, CallsMoveExactlyTheirWidthAndRefusalsHandBackNothi
   EXPECT_EQ(get_sock_status(), 0);
 }
 
+// A closed session keeps its connection for the next session with that endpoint; a connection
+// whose agent has been restarted since is never used again.
+TEST_F(TargetAgentClientTest, ReopenedSessionsReuseOnlyConnectionsThatAreAlive) {
+  SimProcess first({"--quiet"});
+  SimProcess second({"--quiet"});
+  Frame value(8);
+  for (const uint64_t written : {0x1111ull, 0x2222ull}) {
+    ASSERT_EQ(connect(written == 0x1111 ? first : second), 0);
+    ASSERT_EQ(io_write(0x10, written, 8), 0);
+    ASSERT_EQ(destroy_session(), 0);
+  }
+  ASSERT_EQ(connect(first), 0);
+  ASSERT_EQ(io_read(0x10, value.data(), 8), 0);
+  EXPECT_EQ(value[0], 0x11);
+  ASSERT_EQ(destroy_session(), 0);
+  ASSERT_TRUE(first.restart({"--quiet"})) << "port " << first.port() << " did not come free";
+  ASSERT_EQ(connect(first), 0);
+  ASSERT_EQ(io_read(0x10, value.data(), 8), 0);
+  EXPECT_EQ(value[0], 0x00) << "the restarted agent's memory is empty";
+}
+
 // 0 ms is no deadline a call could keep: the library takes its default instead, which a late
 // reply meets.
 TEST_F(TargetAgentClientTest, DeadlineOfZeroMillisecondsIsTakenForTheDefault) {
