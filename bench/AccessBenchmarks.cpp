@@ -175,6 +175,39 @@ void BM_ReadMemLoopback(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_ReadMemLoopback)->Name("BM_ReadMem/loopback");
+
+/// Reads with this thread on CPU 0 and the simulator on `cpu`: the same CPU, or the other one,
+/// where every exchange would wake a sleeping process on another CPU. The simulator's CPU time
+/// per access is reported beside the program's.
+void BM_ReadMemPinned(benchmark::State& state, int cpu) {
+  setAgentMode(AgentMode::kForward);
+  std::unique_ptr<vorn::TaProcessKVX> process;
+  pid_t sim = -1;
+  try {
+    const auto [agent, pid] = BenchEnvironment::current().agentOnCpu(cpu);
+    sim = pid;
+    process = warmProcess(agent.host, agent.port);
+  } catch (const std::exception& e) {
+    fail(state, e.what());
+    return;
+  }
+  const PinnedThread pinned(0);
+  const vorn::ExtAddress address = targetAddress();
+  uint64_t value = 0;
+  const double simCpuBefore = processCpuMicroseconds(sim);
+  for (auto _ : state) {
+    try {
+      process->read_mem(address, 1, kAccessBytes, &value);
+    } catch (const std::exception& e) {
+      fail(state, e.what());
+      break;
+    }
+  }
+  state.counters["sim_cpu_us"] =
+      benchmark::Counter(processCpuMicroseconds(sim) - simCpuBefore, benchmark::Counter::kAvgIterations);
+}
+BENCHMARK_CAPTURE(BM_ReadMemPinned, same_cpu, 0)->Name("BM_ReadMem/loopback_same_cpu");
+BENCHMARK_CAPTURE(BM_ReadMemPinned, cross_cpu, 1)->Name("BM_ReadMem/loopback_cross_cpu");
 BENCHMARK(BM_ReadMemLoopback)->Name("BM_ReadMem/loopback")->Threads(2)->Threads(4)->Threads(8);
 
 /// Each access goes to the other agent, so each one closes a session and opens another first.

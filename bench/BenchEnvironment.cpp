@@ -1,10 +1,14 @@
 #include "bench/BenchEnvironment.h"
 
 #include <sched.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 #include "common/SimulatorProcess.h"
@@ -42,6 +46,37 @@ BenchEnvironment::BenchEnvironment(std::optional<int> simCpu)
 }
 
 BenchEnvironment::~BenchEnvironment() { g_current = nullptr; }
+
+std::pair<Endpoint, pid_t> BenchEnvironment::agentOnCpu(int cpu) {
+  auto& sim = m_pinnedSims[cpu];
+  if (!sim) sim = startSimulator(cpu);
+  return {sim->endpoint(), sim->pid()};
+}
+
+PinnedThread::PinnedThread(int cpu) {
+  ::sched_getaffinity(0, sizeof m_saved, &m_saved);
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  ::sched_setaffinity(0, sizeof set, &set);
+}
+
+PinnedThread::~PinnedThread() { ::sched_setaffinity(0, sizeof m_saved, &m_saved); }
+
+double processCpuMicroseconds(pid_t pid) {
+  // Fields 14 and 15 of /proc/PID/stat, after the parenthesised command name: utime and stime.
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string field;
+  unsigned long long utime = 0;
+  unsigned long long stime = 0;
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14) utime = std::stoull(field);
+    if (i == 15) stime = std::stoull(field);
+  }
+  return static_cast<double>(utime + stime) * 1e6 / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
 
 BenchEnvironment& BenchEnvironment::current() { return *g_current; }
 

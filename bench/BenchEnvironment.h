@@ -6,6 +6,9 @@
 // report a failure.
 #pragma once
 
+#include <sched.h>
+#include <sys/types.h>
+
 #include <benchmark/benchmark.h>
 
 #include <memory>
@@ -39,12 +42,32 @@ class BenchEnvironment {
   const Endpoint& firstAgent() const { return m_first; }
   const Endpoint& secondAgent() const { return m_second; }
 
+  /// A simulator pinned to `cpu` (0 or 1), started on first use, and its process id. Throws
+  /// std::runtime_error when it cannot be started or pinned (a machine with one CPU).
+  std::pair<Endpoint, pid_t> agentOnCpu(int cpu);
+
  private:
   std::unique_ptr<kvx::common::SimulatorProcess> m_firstSim;
   std::unique_ptr<kvx::common::SimulatorProcess> m_secondSim;
+  std::unique_ptr<kvx::common::SimulatorProcess> m_pinnedSims[2];
   Endpoint m_first;
   Endpoint m_second;
 };
+
+/// Keeps the calling thread on one CPU while it lives, then restores its affinity.
+class PinnedThread {
+ public:
+  explicit PinnedThread(int cpu);
+  ~PinnedThread();
+  PinnedThread(const PinnedThread&) = delete;
+  PinnedThread& operator=(const PinnedThread&) = delete;
+
+ private:
+  cpu_set_t m_saved;
+};
+
+/// The CPU time a process has used so far, user and system, in microseconds.
+double processCpuMicroseconds(pid_t pid);
 
 /// Marks the benchmark as failed with `message`; the program then exits with status 1. The
 /// caller leaves its timed loop right after.

@@ -1,5 +1,6 @@
 #include "sim/Connection.h"
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 #include <utility>
@@ -24,7 +25,11 @@ std::string describe(const boost::asio::ip::tcp::endpoint& endpoint) {
 
 Connection::Connection(boost::asio::ip::tcp::socket socket, RequestHandler& handler,
                        const SimOptions& options, const Log& log)
-    : m_socket(std::move(socket)), m_handler(handler), m_options(options), m_log(log) {
+    : m_socket(std::move(socket)),
+      m_handler(handler),
+      m_options(options),
+      m_log(log),
+      m_delay(m_socket.get_executor()) {
   boost::system::error_code error;
   const auto peer = m_socket.remote_endpoint(error);
   m_peer = error ? "unknown peer" : describe(peer);
@@ -65,6 +70,7 @@ void Connection::doRead() {
 }
 
 void Connection::processBuffer() {
+  m_inBurst = Clock::now() - m_lastReply < kBurstGap;
   for (;;) {
     protocol::FrameHeader header;
     if (m_used < protocol::kHeaderSize) break;
@@ -107,9 +113,47 @@ void Connection::processBuffer() {
       m_greeted = reply.status == protocol::ReplyStatus::kOk;
       if (!m_greeted) m_log.line(m_peer, ": handshake refused: ", protocol::statusName(reply.status));
     }
-    if (!sendReply(protocol::encodeReply(reply, m_reply.data(), m_reply.size()))) return;
+    const size_t length = protocol::encodeReply(reply, m_reply.data(), m_reply.size());
+    if (m_options.latency.count() > 0) {
+      delayReply(length);
+      return;
+    }
+    if (!sendReply(length)) return;
+    if (m_used < protocol::kHeaderSize && !awaitNextRequest()) break;
   }
   doRead();
+}
+
+void Connection::delayReply(size_t length) {
+  // A timer, not a sleep: the other clients are served meanwhile.
+  auto self = shared_from_this();
+  m_delay.expires_after(m_options.latency);
+  m_delay.async_wait([this, self, length](const boost::system::error_code& error) {
+    if (!error && sendReply(length)) processBuffer();
+  });
+}
+
+bool Connection::awaitNextRequest() {
+  if (!m_options.spin || !m_inBurst) return false;
+  if (m_spinSkip > 0) {
+    --m_spinSkip;
+    return false;
+  }
+  const Clock::time_point end = m_lastReply + kBurstGap;
+  do {
+    boost::system::error_code error;
+    const size_t got =
+        m_socket.read_some(boost::asio::buffer(m_buffer.data() + m_used, m_buffer.size() - m_used), error);
+    // Anything but "nothing yet", an end of stream included, is for the event loop to handle.
+    if (error != boost::asio::error::would_block) {
+      m_used += got;
+      m_spinBackoff = 0;
+      return got > 0 && !error;
+    }
+  } while (Clock::now() < end);
+  m_spinBackoff = static_cast<uint16_t>(std::min<unsigned>(2u * m_spinBackoff + 1, kMaxSpinSkip));
+  m_spinSkip = m_spinBackoff;
+  return false;
 }
 
 bool Connection::sendReply(size_t length) {
@@ -128,6 +172,7 @@ bool Connection::sendReply(size_t length) {
     m_log.line(m_peer, ": write failed: ", error.message());
     return false;
   }
+  m_lastReply = Clock::now();
   return !dropIfDone();
 }
 

@@ -1,15 +1,26 @@
 // One client of the simulated agent: owns the socket, a buffer of at most one frame and the
-// connection's handshake and fault-injection state. Kept alive by its pending asynchronous
-// operations (shared_from_this); it closes its socket when the last one finishes.
+// connection's handshake and fault-injection state.
+//
+// A client that is in a burst (its request came back within kBurstGap of the last reply) is
+// polled for its next request for up to kBurstGap after each reply, before the server goes back to
+// waiting in the event loop: waking a server that sleeps on another CPU costs more than the whole
+// exchange. A poll that ends empty-handed makes the next replies skip polling, twice as many each
+// time up to kMaxSpinSkip, so a client that talks to other agents in between (a host switching
+// sessions) soon costs nothing. The polling costs at most kBurstGap of CPU per reply and happens
+// only in a burst, so an idle client costs nothing; other clients wait that long at most.
+// --no-spin turns it off. Kept alive by
+// its pending asynchronous operations (shared_from_this); it closes its socket when the last one finishes.
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include "platform/protocol/AgentProtocol.h"
 #include "sim/Log.h"
@@ -42,6 +53,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool sendReply(size_t length);
   /// Sends m_reply's bytes from `sent` to `length` asynchronously, then goes on with the buffer.
   void doWrite(size_t sent, size_t length);
+  /// Sends the first `length` bytes of m_reply after the --latency-us delay, then goes on.
+  void delayReply(size_t length);
+  /// In a burst, polls the socket for the next request for up to kBurstGap; true when bytes came.
+  bool awaitNextRequest();
   /// Drops the connection when --drop-after is reached; true when it did.
   bool dropIfDone();
   /// Ends the connection with a log line; nothing is sent.
@@ -62,6 +77,15 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool m_greeted = false;   ///< a Hello has been accepted
   uint64_t m_answered = 0;  ///< replies sent, the handshake's included
   bool m_hanging = false;   ///< --hang-after reached: requests are read and ignored
+
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::microseconds kBurstGap{50};
+  boost::asio::steady_timer m_delay;
+  Clock::time_point m_lastReply;  ///< when the last reply went out
+  bool m_inBurst = false;         ///< the last request came within kBurstGap of the reply before
+  static constexpr uint16_t kMaxSpinSkip = 255;
+  uint16_t m_spinSkip = 0;     ///< replies left that skip polling
+  uint16_t m_spinBackoff = 0;  ///< how many the next empty-handed poll makes skip
 };
 
 }  // namespace kvx::sim

@@ -2,6 +2,7 @@
 // simulates and which faults it injects. A plain value, filled once by main() and then read only.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -28,6 +29,11 @@ struct SimOptions {
   std::optional<uint64_t> hangAfter;
   bool refuseSessions = false;
   bool quiet = false;
+  /// How long every reply is held back, as if the agent were that far away.
+  std::chrono::microseconds latency{0};
+  /// Whether a connection in a burst of requests is polled for the next one before the server
+  /// goes back to waiting (see Connection).
+  bool spin = true;
   /// A program and its arguments to run while serving; empty to serve until a signal.
   std::vector<std::string> command;
 };

@@ -21,6 +21,8 @@ namespace po = boost::program_options;
 namespace {
 
 constexpr int kUsageError = 2;
+/// Ten seconds: a longer latency would only be a typing error.
+constexpr uint64_t kLongestLatencyUs = 10'000'000;
 
 /// Decimal, or hexadecimal after "0x"; the whole text must be a number that fits 64 bits.
 uint64_t parseNumber(const std::string& text, const char* what) {
@@ -64,6 +66,8 @@ int main(int argc, char** argv) {
     ("drop-after", po::value<std::string>(), "close each connection after answering N requests (handshake included)")
     ("hang-after", po::value<std::string>(), "stop answering each connection after N requests, keeping it open")
     ("refuse-sessions", "refuse every handshake")
+    ("latency-us", po::value<std::string>(), "hold every reply back N microseconds, as a remote agent would")
+    ("no-spin", "never poll a busy client for its next request; always wait in the event loop")
     ("quiet", "log nothing on stderr");
   // clang-format on
 
@@ -119,6 +123,12 @@ int main(int argc, char** argv) {
       options.hangAfter = parseNumber(values["hang-after"].as<std::string>(), "--hang-after");
     }
     options.refuseSessions = values.count("refuse-sessions") > 0;
+    if (values.count("latency-us")) {
+      const uint64_t latency = parseNumber(values["latency-us"].as<std::string>(), "--latency-us");
+      if (latency > kLongestLatencyUs) throw std::invalid_argument("bad --latency-us: at most 10 s");
+      options.latency = std::chrono::microseconds(latency);
+    }
+    options.spin = values.count("no-spin") == 0;
     options.quiet = values.count("quiet") > 0;
   } catch (const std::exception& error) {
     std::cerr << "kvx-agent-sim: " << error.what() << "\n" << described;

@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -252,24 +253,29 @@ Status AgentSession::receiveFrame(size_t expected, Clock::time_point deadline, b
   // spent time) polls for what is left of the deadline, so that neither a trickling agent nor a
   // stream of signals can stretch the call.
   size_t received = 0;
-  bool blocking = blockFirst;
+  // Bytes that came while polling are looked at before anything waits for more.
+  bool polled = spinForReply(received);
+  bool blocking = blockFirst && !polled;
   for (;;) {
-    if (!blocking) {
-      const Status ready = waitFor(m_fd, POLLIN, deadline);
-      if (ready != Status::kOk) return ready;
+    if (!polled) {
+      if (!blocking) {
+        const Status ready = waitFor(m_fd, POLLIN, deadline);
+        if (ready != Status::kOk) return ready;
+      }
+      const ssize_t n = ::recv(m_fd, m_receiveBuffer + received, sizeof m_receiveBuffer - received,
+                               blocking ? 0 : MSG_DONTWAIT);
+      const bool blocked = blocking;
+      blocking = false;
+      if (n == 0) return Status::kConnectionLost;
+      if (n < 0) {
+        // After a blocking recv, EAGAIN means its timeout, the deadline, ran out.
+        if ((errno == EAGAIN || errno == EWOULDBLOCK) && blocked) return Status::kTimeout;
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return Status::kConnectionLost;
+        continue;
+      }
+      received += static_cast<size_t>(n);
     }
-    const ssize_t n = ::recv(m_fd, m_receiveBuffer + received, sizeof m_receiveBuffer - received,
-                             blocking ? 0 : MSG_DONTWAIT);
-    const bool blocked = blocking;
-    blocking = false;
-    if (n == 0) return Status::kConnectionLost;
-    if (n < 0) {
-      // After a blocking recv, EAGAIN means its timeout, the deadline, ran out.
-      if ((errno == EAGAIN || errno == EWOULDBLOCK) && blocked) return Status::kTimeout;
-      if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return Status::kConnectionLost;
-      continue;
-    }
-    received += static_cast<size_t>(n);
+    polled = false;
     if (received >= protocol::kHeaderSize) {
       protocol::FrameHeader header;
       if (!protocol::decodeHeader(m_receiveBuffer, received, header) ||
@@ -281,6 +287,27 @@ Status AgentSession::receiveFrame(size_t expected, Clock::time_point deadline, b
     if (received > expected) return Status::kMalformedReply;
     if (received == expected) return Status::kOk;
   }
+}
+
+bool AgentSession::spinForReply(size_t& received) {
+  if (m_spinSkip > 0) {
+    --m_spinSkip;
+    return false;
+  }
+  const Clock::time_point end = Clock::now() + kSpinLimit;
+  do {
+    const ssize_t n = ::recv(m_fd, m_receiveBuffer, sizeof m_receiveBuffer, MSG_DONTWAIT);
+    if (n > 0) {
+      received = static_cast<size_t>(n);
+      m_spinBackoff = 0;
+      return true;
+    }
+    // An end of stream or an error is the receive loop's to report.
+    if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) return false;
+  } while (Clock::now() < end);
+  m_spinBackoff = static_cast<uint16_t>(std::min<unsigned>(2u * m_spinBackoff + 1, kMaxSpinSkip));
+  m_spinSkip = m_spinBackoff;
+  return false;
 }
 
 Status AgentSession::drop(Status status) {

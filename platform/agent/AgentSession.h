@@ -89,6 +89,17 @@ class AgentSession {
   Status sendFrame(const uint8_t* frame, size_t length, Clock::time_point deadline, bool& atOnce);
   /// Receives a frame of `expected` bytes by `deadline`; `blockFirst`: see exchange().
   Status receiveFrame(size_t expected, Clock::time_point deadline, bool blockFirst);
+  /// Polls for the reply for up to kSpinLimit before the caller sleeps in recv, while polling
+  /// keeps paying off; true when bytes came, `received` of them.
+  bool spinForReply(size_t& received);
+
+  /// How long a call polls for its reply before it sleeps. An agent on another CPU answers in
+  /// less than this when it is not asleep itself, while waking a sleeping caller there costs tens
+  /// of microseconds. A poll that ends empty-handed makes the next calls skip polling, twice as
+  /// many each time up to kMaxSpinSkip, so a slow agent costs little CPU; waiting for a reply is
+  /// the only time the library polls, so an idle host costs none.
+  static constexpr std::chrono::microseconds kSpinLimit{50};
+  static constexpr uint16_t kMaxSpinSkip = 255;
   /// Closes the socket after a failure and returns `status`; later calls see kConnectionLost.
   Status drop(Status status);
 
@@ -102,6 +113,9 @@ class AgentSession {
   uint32_t m_nextId = 1;
   /// The deadline of each call of the open session, in milliseconds.
   int m_timeoutMs = 0;
+  /// Calls left that skip polling, and how many the next empty-handed poll makes skip.
+  uint16_t m_spinSkip = 0;
+  uint16_t m_spinBackoff = 0;
   /// Reaches the agent within the call's deadline, a resolver that hangs included.
   common::Dialer m_dialer;
   // Frames are built and received here, so a request allocates nothing.
