@@ -46,6 +46,9 @@ po::options_description CommandLine::options() {
       ("quiet,q", "leave out informational lines: the embedded simulator, transfer summaries")
       ("progress", "show the progress of long transfers even when stderr is not a terminal")
       ("force", "allow transfers larger than 256 MiB")
+      ("jobs", po::value<std::string>()->value_name("N"),
+       "split dump, load, verify, fill and crc32 over N worker processes, each with an agent "
+       "session of its own (default: 4 from 64 KiB on, else 1)")
       ("verbose", "show where a failure came from, the plug-in's source locations included")
       ("log-config", po::value<std::string>()->value_name("FILE"),
        "log4cxx configuration (.xml: DOMConfigurator, else PropertyConfigurator); without it "
@@ -57,7 +60,9 @@ po::options_description CommandLine::options() {
 }
 
 Invocation CommandLine::parse(int argc, const char* const argv[]) {
-  const po::options_description known = options();
+  // --worker is how kvx-ta starts its own workers; it is no option for people.
+  po::options_description known = options();
+  known.add_options()("worker", "");
   Invocation invocation;
   const CommandSpec* spec = nullptr;
   // The command's name is the first word that is neither an option nor an option's value.
@@ -104,12 +109,22 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   invocation.output.verbose = values.count("verbose") != 0;
   invocation.output.progress = values.count("progress") != 0;
   invocation.force = values.count("force") != 0;
+  if (values.count("worker") != 0) {
+    invocation.output.worker = invocation.output.json = invocation.output.quiet = true;
+  }
+  if (values.count("jobs") != 0) {
+    const uint64_t jobs = parseNumber(values["jobs"].as<std::string>(), "jobs");
+    if (jobs == 0 || jobs > kMaxJobs) {
+      throw UsageError("invalid jobs '" + values["jobs"].as<std::string>() + "' (1 to " +
+                       std::to_string(kMaxJobs) + ")");
+    }
+    invocation.jobs = static_cast<unsigned>(jobs);
+  }
   if (values.count("server") != 0) {
     const std::string server = values["server"].as<std::string>();
     std::string why;
     invocation.server = common::Endpoint::parse(server, why);
-    if (!invocation.server)
-      throw UsageError("invalid server '" + server + "' (" + why + ")");
+    if (!invocation.server) throw UsageError("invalid server '" + server + "' (" + why + ")");
   }
   if (values.count("timeout") != 0) {
     const uint64_t timeout = parseNumber(values["timeout"].as<std::string>(), "timeout");

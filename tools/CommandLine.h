@@ -27,6 +27,8 @@ struct Invocation {
   std::optional<unsigned> timeoutMs;
   /// --sim-option, in order: options for the embedded simulator.
   std::vector<std::string> simulatorOptions;
+  /// --jobs: worker processes for a transfer; none given means kvx-ta's choice.
+  std::optional<unsigned> jobs;
   bool help = false;
   bool version = false;
   /// Empty when none was given.
@@ -42,6 +44,9 @@ class CommandLine {
 
   /// The program's own options, as help shows them.
   static boost::program_options::options_description options();
+
+  /// The most --jobs takes.
+  static constexpr unsigned kMaxJobs = 64;
 };
 
 }  // namespace kvx::cli

@@ -20,6 +20,8 @@ class Output {
     bool verbose = false;
     /// Progress is shown even when stderr is not a terminal.
     bool progress = false;
+    /// kvx-ta runs as a worker of another kvx-ta: failures and progress go to stderr as JSON.
+    bool worker = false;
   };
 
   explicit Output(Options options);

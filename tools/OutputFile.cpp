@@ -49,6 +49,16 @@ void OutputFile::write(const void* bytes, size_t size) {
   if (m_buffer.size() >= kBlock) flush();
 }
 
+void OutputFile::writeAt(uint64_t offset, const void* bytes, size_t size) {
+  const auto* data = static_cast<const uint8_t*>(bytes);
+  for (size_t done = 0; done < size;) {
+    const ssize_t n = ::pwrite(m_fd, data + done, size - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw fileError("write", m_path);
+    done += static_cast<size_t>(n);
+  }
+}
+
 void OutputFile::flush() {
   for (size_t done = 0; done < m_buffer.size();) {
     const ssize_t n = ::write(m_fd, m_buffer.data() + done, m_buffer.size() - done);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace kvx::cli {
@@ -21,6 +22,9 @@ class OutputFile {
 
   /// Throws std::runtime_error naming the path and the reason, e.g. a full disk.
   void write(const void* bytes, size_t size);
+  /// Writes `size` bytes at `offset`, unbuffered, as parallel workers' parts arrive. Not mixed
+  /// with write().
+  void writeAt(uint64_t offset, const void* bytes, size_t size);
   /// Makes the bytes written so far the file at the path, on disk.
   void commit();
 

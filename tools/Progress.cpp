@@ -6,6 +6,8 @@
 #include <iostream>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 #include "tools/Output.h"
 
 namespace kvx::cli {
@@ -56,6 +58,11 @@ Progress::~Progress() { clear(); }
 
 void Progress::advance(uint64_t bytes) {
   m_done += bytes;
+  if (m_output.options().worker) {
+    // A worker tells the kvx-ta that runs it, which shows the progress of all.
+    if (Clock::now() - m_lastShown >= kRedrawInterval) report();
+    return;
+  }
   if (m_display == Display::kNone) return;
   const Clock::time_point now = Clock::now();
   if (now - m_lastShown >= (m_display == Display::kBar
@@ -65,7 +72,18 @@ void Progress::advance(uint64_t bytes) {
   }
 }
 
+void Progress::report() {
+  m_lastShown = Clock::now();
+  if (m_done == m_reported) return;
+  std::cerr << nlohmann::json{{"done", m_done - m_reported}}.dump() << std::endl;
+  m_reported = m_done;
+}
+
 void Progress::finish(const std::string& prefix) {
+  if (m_output.options().worker) {
+    report();
+    return;
+  }
   clear();
   const double elapsed = seconds(Clock::now() - m_start);
   const double rate = kibPerSecond(m_done, elapsed);

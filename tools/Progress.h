@@ -34,6 +34,8 @@ class Progress {
 
   void show(Clock::time_point now);
   void clear();
+  /// A worker's report to the kvx-ta that runs it: the bytes moved since the last report.
+  void report();
 
   Output& m_output;
   std::string m_label;
@@ -43,6 +45,7 @@ class Progress {
   Clock::time_point m_start;
   Clock::time_point m_lastShown;
   uint64_t m_done = 0;
+  uint64_t m_reported = 0;
   bool m_drawn = false;
 };
 

@@ -14,6 +14,8 @@ Session::Session(const Invocation& invocation, Output& output, std::string simul
     : m_server(invocation.server),
       m_simulatorOptions(invocation.simulatorOptions),
       m_force(invocation.force),
+      m_jobs(invocation.jobs),
+      m_timeoutMs(invocation.timeoutMs),
       m_output(output),
       m_simulatorPath(std::move(simulatorPath)) {}
 
@@ -22,25 +24,40 @@ Session::~Session() {
   m_embedded.reset();
 }
 
+unsigned Session::jobsFor(uint64_t length) const {
+  // Measured (docs/performance.md): against a remote agent four workers move about four times as
+  // much; on loopback they gain less, but never lose. A short transfer is not worth the start.
+  constexpr unsigned kDefaultJobs = 4;
+  constexpr uint64_t kParallelFrom = 64 * 1024;
+  return m_jobs ? *m_jobs : length >= kParallelFrom ? kDefaultJobs : 1;
+}
+
+std::vector<std::string> Session::workerOptions() {
+  std::vector<std::string> options{"--worker", "--server", agentEndpoint().text()};
+  if (m_timeoutMs) options.insert(options.end(), {"--timeout", std::to_string(*m_timeoutMs)});
+  if (m_force) options.push_back("--force");
+  return options;
+}
+
 Target& Session::target() {
-  if (!m_target) {
-    common::Endpoint endpoint;
-    if (m_server) {
-      endpoint = *m_server;
-    } else {
-      std::vector<std::string> options{"--quiet"};
-      options.insert(options.end(), m_simulatorOptions.begin(), m_simulatorOptions.end());
-      try {
-        m_embedded = std::make_unique<common::SimulatorProcess>(m_simulatorPath, options);
-      } catch (const std::runtime_error& failure) {
-        throw Failure("cannot start the simulated agent", failure.what());
-      }
-      endpoint = m_embedded->endpoint();
-      m_output.info("started kvx-agent-sim on " + endpoint.text(), {{"simulator", endpoint.text()}});
-    }
-    m_target = std::make_unique<Target>(endpoint);
-  }
+  if (!m_target) m_target = std::make_unique<Target>(agentEndpoint());
   return *m_target;
+}
+
+common::Endpoint Session::agentEndpoint() {
+  if (m_server) return *m_server;
+  if (!m_embedded) {
+    std::vector<std::string> options{"--quiet"};
+    options.insert(options.end(), m_simulatorOptions.begin(), m_simulatorOptions.end());
+    try {
+      m_embedded = std::make_unique<common::SimulatorProcess>(m_simulatorPath, options);
+    } catch (const std::runtime_error& failure) {
+      throw Failure("cannot start the simulated agent", failure.what());
+    }
+    const std::string where = m_embedded->endpoint().text();
+    m_output.info("started kvx-agent-sim on " + where, {{"simulator", where}});
+  }
+  return m_embedded->endpoint();
 }
 
 }  // namespace kvx::cli

@@ -42,6 +42,12 @@ class Session {
   Output& output() { return m_output; }
   /// Whether --force allows transfers above the sane bound.
   bool force() const { return m_force; }
+  /// How many workers a transfer of `length` bytes uses: --jobs, or kvx-ta's choice.
+  unsigned jobsFor(uint64_t length) const;
+  /// The agent's endpoint; without --server, the embedded simulator's, started on first use.
+  common::Endpoint agentEndpoint();
+  /// The global options of a worker on this session's agent.
+  std::vector<std::string> workerOptions();
   /// Whether --server named the agent.
   bool hasServer() const { return m_server.has_value(); }
   const std::string& simulatorPath() const { return m_simulatorPath; }
@@ -50,6 +56,8 @@ class Session {
   std::optional<common::Endpoint> m_server;
   std::vector<std::string> m_simulatorOptions;
   bool m_force;
+  std::optional<unsigned> m_jobs;
+  std::optional<unsigned> m_timeoutMs;
   Output& m_output;
   std::string m_simulatorPath;
   // Declared in this order so that the target goes before the agent it talks to.

@@ -82,6 +82,7 @@ TEST_F(KvxTaTest, EachCommandFamilyRoundTripsThroughServer) {
       // An unaligned start and length: a short head access, aligned accesses, then a tail.
       {"load " + file("image.bin", image) + " 0x10003 --verify", ""},
       {"dump 0x10003 " + std::to_string(image.size()) + " --out " + back, ""},
+      {"--jobs 3 dump 0x10003 " + std::to_string(image.size()) + " --out " + back + "3", ""},
       {"dump 0x10003 20",
        "00010003:  48 65 6c 6c 6f 2c 20 74  61 72 67 65 74 21 7f 01  |Hello, target!..|\n"
        "00010013:  ff 00 25 4a                                       |..%J|\n"},
@@ -95,7 +96,8 @@ TEST_F(KvxTaTest, EachCommandFamilyRoundTripsThroughServer) {
         << "case: " << command << "\n"
         << result;
   }
-  EXPECT_TRUE(contentOf(back) == image) << "the dumped file differs from the loaded one";
+  EXPECT_TRUE(contentOf(back) == image && contentOf(back + "3") == image)
+      << "a dumped file differs from the loaded one";
   const ProgramResult reserved = kvxTa("reserve 256", &sim);
   EXPECT_TRUE(reserved.exitCode == 0 && kvxTa("unreserve " + reserved.out, &sim).exitCode == 0) << reserved;
 
@@ -233,11 +235,15 @@ TEST_F(KvxTaTest, FailuresExitWithOneAndSayWhatWasAttemptedAndWhy) {
 
 TEST_F(KvxTaTest, OutputsNeverLie) {
   SimProcess sim({"--quiet", "--drop-after", "20"});
-  // A failed dump leaves the file it was to replace as it was, and nothing beside it.
+  // A failed dump, or one whose worker fails, leaves the file it was to replace as it was, and
+  // nothing beside it.
   const std::string out = file("out.bin", "old");
-  EXPECT_EQ(kvxTa("dump 0 4096 --out " + out, &sim).exitCode, kFailure);
-  EXPECT_EQ(contentOf(out), "old");
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_dir), {}), 1);
+  for (const char* jobs : {"1", "2"}) {
+    EXPECT_EQ(kvxTa("--jobs " + std::string(jobs) + " dump 0 4096 --out " + out, &sim).exitCode, kFailure)
+        << jobs;
+    EXPECT_EQ(contentOf(out), "old");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_dir), {}), 1);
+  }
   // Output that cannot be written is a failure.
   const ProgramResult full =
       runProgram({"/bin/sh", "-c", std::string(KVX_TA_PATH) + " -q read 0 >/dev/full"});
