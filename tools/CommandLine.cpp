@@ -48,7 +48,8 @@ po::options_description CommandLine::options() {
       ("force", "allow transfers larger than 256 MiB")
       ("jobs", po::value<std::string>()->value_name("N"),
        "split dump, load, verify, fill and crc32 over N worker processes, each with an agent "
-       "session of its own (default: 4 from 64 KiB on, else 1)")
+       "session of its own (default: 4 from 64 KiB on against an agent on another machine, "
+       "else 1)")
       ("verbose", "show where a failure came from, the plug-in's source locations included")
       ("log-config", po::value<std::string>()->value_name("FILE"),
        "log4cxx configuration (.xml: DOMConfigurator, else PropertyConfigurator); without it "
