@@ -29,9 +29,6 @@ ImageArguments imageArguments(const Arguments& arguments) {
     const std::string& name = arguments.value("format");
     result.format = Image::parseFormat(name);
     if (!result.format) throw UsageError("invalid format '" + name + "' (raw, ihex, srec or elf)");
-    if (*result.format == Image::Format::kRaw && !result.address) {
-      throw UsageError("raw binary needs the address to put it at (ADDR)");
-    }
   }
   return result;
 }
