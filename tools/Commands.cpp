@@ -41,6 +41,7 @@ const std::vector<CommandSpec>& commandTable() {
   static const std::vector<CommandSpec> table = [] {
     std::vector<CommandSpec> all = accessCommands();
     for (CommandSpec& spec : transferCommands()) all.push_back(spec);
+    for (CommandSpec& spec : imageCommands()) all.push_back(spec);
     std::vector<CommandSpec> own{
         {"script",
          "[FILE]",

@@ -30,7 +30,9 @@ class Commands {
 /// read, write, wait, reg, regs, reserve, unreserve, unreserve-all: single accesses and
 /// reservations.
 std::vector<CommandSpec> accessCommands();
-/// dump, load, fill, crc32: ranges of any length, moved in accesses of at most 8 bytes.
+/// dump, fill, crc32: ranges of any length, moved in accesses of at most 8 bytes.
 std::vector<CommandSpec> transferCommands();
+/// load, verify: image files (raw, Intel HEX, S-record, ELF) to and against target memory.
+std::vector<CommandSpec> imageCommands();
 
 }  // namespace kvx::cli

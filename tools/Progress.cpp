@@ -42,12 +42,12 @@ std::string clock(double secondsLeft) {
 
 }  // namespace
 
-Progress::Progress(Output& output, std::string label, uint64_t total, bool barAllowed)
+Progress::Progress(Output& output, std::string label, std::optional<uint64_t> total, bool barAllowed)
     : m_output(output),
       m_label(std::move(label)),
       m_total(total),
       m_display(output.options().progress ? (::isatty(STDERR_FILENO) == 1 ? Display::kBar : Display::kLines)
-                : barAllowed && !output.options().quiet && total >= kBarThreshold &&
+                : barAllowed && !output.options().quiet && total.value_or(kBarThreshold) >= kBarThreshold &&
                         ::isatty(STDERR_FILENO) == 1
                     ? Display::kBar
                     : Display::kNone),
@@ -95,25 +95,35 @@ void Progress::finish(const std::string& prefix) {
 
 void Progress::show(Clock::time_point now) {
   m_lastShown = now;
-  const double fraction = m_total != 0 ? static_cast<double>(m_done) / static_cast<double>(m_total) : 1.0;
   const double elapsed = seconds(now - m_start);
   const double rate = kibPerSecond(m_done, elapsed);
-  const std::string left =
-      rate > 0 ? clock(static_cast<double>(m_total - m_done) / kBytesPerKiB / rate) : std::string("?");
+  const auto done = static_cast<unsigned long long>(m_done);
   char line[240];
+  if (!m_total) {
+    std::snprintf(line, sizeof line,
+                  m_display == Display::kBar ? "\r%s  %llu bytes  %.1f KiB/s\033[K"
+                                             : "kvx-ta: %s  %llu bytes  %.1f KiB/s\n",
+                  m_label.c_str(), done, rate);
+    m_drawn = m_display == Display::kBar;
+    std::cerr << line << std::flush;
+    return;
+  }
+  const uint64_t total = *m_total;
+  const double fraction = total != 0 ? static_cast<double>(m_done) / static_cast<double>(total) : 1.0;
+  const std::string left =
+      rate > 0 ? clock(static_cast<double>(total - m_done) / kBytesPerKiB / rate) : std::string("?");
   if (m_display == Display::kBar) {
     std::string bar(static_cast<size_t>(fraction * kBarWidth), '#');
     bar.resize(kBarWidth, '.');
     // A carriage return, the bar, then an erase to the end of the line.
     std::snprintf(line, sizeof line, "\r%s [%s] %3d%%  %llu/%llu bytes  %.1f KiB/s  ETA %s\033[K",
-                  m_label.c_str(), bar.c_str(), static_cast<int>(fraction * 100),
-                  static_cast<unsigned long long>(m_done), static_cast<unsigned long long>(m_total), rate,
-                  left.c_str());
+                  m_label.c_str(), bar.c_str(), static_cast<int>(fraction * 100), done,
+                  static_cast<unsigned long long>(total), rate, left.c_str());
     m_drawn = true;
   } else {
     std::snprintf(line, sizeof line, "kvx-ta: %s %3d%%  %llu/%llu bytes  %.1f KiB/s  ETA %s\n",
-                  m_label.c_str(), static_cast<int>(fraction * 100), static_cast<unsigned long long>(m_done),
-                  static_cast<unsigned long long>(m_total), rate, left.c_str());
+                  m_label.c_str(), static_cast<int>(fraction * 100), done,
+                  static_cast<unsigned long long>(total), rate, left.c_str());
   }
   std::cerr << line << std::flush;
 }

@@ -1,12 +1,14 @@
 // Reports a bulk transfer. While it runs: a bar with bytes, rate and time left on stderr, when
 // stderr is a terminal and the transfer is large enough to be worth watching, or a plain line a
-// second with --progress when stderr is not a terminal. When it is done: one summary,
+// second with --progress when stderr is not a terminal; a transfer of unknown size (a stream) shows
+// its bytes and rate without bar or time left. When it is done: one summary,
 // "N bytes in X s (Y KiB/s)", or a JSON object with --json; informational, so --quiet drops it.
 // Single-threaded.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace kvx::cli {
@@ -15,9 +17,10 @@ class Output;
 
 class Progress {
  public:
-  /// Starts the clock for a transfer of `total` bytes called `label` ("dump"). `barAllowed` false
-  /// keeps the terminal bar off, e.g. while the transfer itself prints on the same terminal.
-  Progress(Output& output, std::string label, uint64_t total, bool barAllowed = true);
+  /// Starts the clock for a transfer of `total` bytes called `label` ("dump"), or of a size not
+  /// known until its end when `total` is empty. `barAllowed` false keeps the terminal bar off,
+  /// e.g. while the transfer itself prints on the same terminal.
+  Progress(Output& output, std::string label, std::optional<uint64_t> total, bool barAllowed = true);
   /// Clears a bar left by a transfer that failed, so the error message starts a clean line.
   ~Progress();
 
@@ -39,7 +42,7 @@ class Progress {
 
   Output& m_output;
   std::string m_label;
-  uint64_t m_total;
+  std::optional<uint64_t> m_total;
   /// The bar on a terminal, or lines with --progress, or nothing.
   enum class Display { kNone, kBar, kLines } m_display;
   Clock::time_point m_start;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 
 #include <zlib.h>
@@ -117,35 +116,6 @@ Action buildDump(const Arguments& arguments) {
   };
 }
 
-Action buildLoad(const Arguments& arguments) {
-  const std::string path = arguments.value("FILE");
-  const uint64_t address = parseNumber(arguments.value("ADDR"), "address");
-  const bool verify = arguments.has("verify");
-  return [=](Session& session) {
-    const std::vector<uint8_t> data = readFile(path);
-    checkRange(address, data.size());
-    Transfer::checkBound(data.size(), session.force());
-    Target& target = session.target();
-    const Transfer::Source source = [&data](uint64_t offset, uint8_t* bytes, size_t count) {
-      std::memcpy(bytes, data.data() + offset, count);
-    };
-    {
-      Progress progress(session.output(), "load", data.size());
-      Transfer::write(target, address, data.size(), progress, source);
-      progress.finish();
-    }
-    if (verify) {
-      Progress progress(session.output(), "verify", data.size());
-      if (const auto mismatch = Transfer::verify(target, address, data.size(), progress, source)) {
-        throw Failure(
-            "verify failed at " + hexAddress(mismatch->address),
-            "wrote " + hexPadded(mismatch->expected, 2) + ", read back " + hexPadded(mismatch->found, 2));
-      }
-      progress.finish("verified ");
-    }
-  };
-}
-
 Action buildFill(const Arguments& arguments) {
   const auto [address, length] = range(arguments);
   // The pattern's width is its number of bytes as written: 0xa5 is one byte, 0x00a5 two.
@@ -232,17 +202,6 @@ std::vector<CommandSpec> transferCommands() {
        {{"out", "FILE", "write the raw bytes to FILE instead ('-' for stdout)"}},
        true,
        buildDump},
-      {"load",
-       "FILE ADDR [--verify]",
-       "write FILE into target memory at ADDR",
-       "Writes the bytes of FILE to target memory from ADDR on, in accesses of at most 8 bytes.\n"
-       "With --verify, reads them back and reports the first address that differs. Each pass\n"
-       "ends with a line on stderr: \"N bytes in X s (Y KiB/s)\".",
-       {"FILE", "ADDR"},
-       {},
-       {{"verify", nullptr, "read the bytes back and compare"}},
-       true,
-       buildLoad},
       {"fill",
        "ADDR LENGTH PATTERN",
        "fill LENGTH bytes with a pattern of 1 to 8 bytes",
