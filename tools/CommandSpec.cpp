@@ -23,14 +23,16 @@ std::string CommandSpec::usage() const {
   return std::string("kvx-ta ") + name + (*synopsis != '\0' ? " " : "") + synopsis;
 }
 
-po::options_description CommandSpec::options() const {
+po::options_description CommandSpec::options(bool hidden) const {
   po::options_description result("Options");
   result.add_options()("help", "describe this command");
   for (const Flag& flag : flags) {
+    if (flag.description == nullptr && !hidden) continue;
     if (flag.valueName != nullptr) {
-      result.add_options()(flag.name, po::value<std::string>()->value_name(flag.valueName), flag.description);
+      result.add_options()(flag.name, po::value<std::string>()->value_name(flag.valueName),
+                           flag.description != nullptr ? flag.description : "");
     } else {
-      result.add_options()(flag.name, flag.description);
+      result.add_options()(flag.name, flag.description != nullptr ? flag.description : "");
     }
   }
   return result;
@@ -38,7 +40,7 @@ po::options_description CommandSpec::options() const {
 
 Arguments CommandSpec::parse(const std::vector<std::string>& words) const {
   po::options_description all;
-  all.add(options());
+  all.add(options(true));
   po::positional_options_description positional;
   for (const auto* names : {&required, &optional}) {
     for (const char* field : *names) {

@@ -18,7 +18,8 @@ class Session;
 /// vorn::Exception (a refused access) or std::runtime_error (any other failure).
 using Action = std::function<void(Session&)>;
 
-/// An option of a command: a switch when valueName is null.
+/// An option of a command: a switch when valueName is null; left out of help when description is
+/// null (one that only kvx-ta gives its workers).
 struct Flag {
   const char* name;
   const char* valueName;
@@ -53,8 +54,9 @@ struct CommandSpec {
 
   /// "kvx-ta NAME SYNOPSIS".
   std::string usage() const;
-  /// The options that help shows: --help and the flags.
-  boost::program_options::options_description options() const;
+  /// The options: --help and the flags, the hidden ones too when `hidden`, as parsing needs them
+  /// and help does not show them.
+  boost::program_options::options_description options(bool hidden = false) const;
   /// Checks `words` against the fields and flags; throws UsageError naming the command.
   Arguments parse(const std::vector<std::string>& words) const;
 };

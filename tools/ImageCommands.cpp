@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -11,20 +12,28 @@
 #include "tools/Session.h"
 #include "tools/Transfer.h"
 #include "tools/UsageError.h"
+#include "tools/Workers.h"
 
 namespace kvx::cli {
 namespace {
 
-/// FILE, ADDR and --format of an image command, checked.
+/// FILE, ADDR, --format and a worker's --part of an image command, checked.
 struct ImageArguments {
   std::string path;
   std::optional<uint64_t> address;
   std::optional<Image::Format> format;
+  /// A worker's share: only the image's bytes at the addresses FIRST to LAST.
+  std::optional<std::pair<uint64_t, uint64_t>> part;
 };
 
 ImageArguments imageArguments(const Arguments& arguments) {
-  ImageArguments result{arguments.value("FILE"), std::nullopt, std::nullopt};
+  ImageArguments result{arguments.value("FILE"), std::nullopt, std::nullopt, std::nullopt};
   if (arguments.has("ADDR")) result.address = parseNumber(arguments.value("ADDR"), "address");
+  if (arguments.has("part")) {
+    const std::string& part = arguments.value("part");
+    const size_t colon = part.find(':');
+    result.part = {parseNumber(part.substr(0, colon), "part"), parseNumber(part.substr(colon + 1), "part")};
+  }
   if (arguments.has("format")) {
     const std::string& name = arguments.value("format");
     result.format = Image::parseFormat(name);
@@ -46,13 +55,66 @@ std::unique_ptr<Image> openImage(const ImageArguments& arguments, Session& sessi
 }
 
 /// Calls `move` with each piece of `image`, stopping a stream at the bound as soon as it passes it.
-void eachPiece(Image& image, Session& session, const Image::Visitor& move) {
+/// A worker's `part` keeps only the bytes at the addresses from its first to its last.
+void eachPiece(Image& image, Session& session, const std::optional<std::pair<uint64_t, uint64_t>>& part,
+               const Image::Visitor& move) {
   uint64_t moved = 0;
   image.visit([&](uint64_t address, const uint8_t* bytes, size_t count) {
     moved += count;
     Transfer::checkBound(moved, session.force());
-    move(address, bytes, count);
+    if (!part) return move(address, bytes, count);
+    // Compared by last address, which a piece at the top of the address space has too.
+    const uint64_t first = std::max(address, part->first);
+    const uint64_t last = std::min(address + (count - 1), part->second);
+    if (count != 0 && first <= last)
+      move(first, bytes + (first - address), static_cast<size_t>(last - first + 1));
   });
+}
+
+/// The image's bytes shared out between `jobs` workers: address ranges that hold about as many
+/// bytes each, cut at 8-byte boundaries. Reads the image through once.
+std::vector<Workers::Part> shares(Image& image, Session& session, unsigned jobs) {
+  std::vector<Workers::Part> spans;
+  eachPiece(image, session, std::nullopt, [&spans](uint64_t address, const uint8_t*, size_t count) {
+    if (!spans.empty() && spans.back().address + spans.back().length == address) {
+      spans.back().length += count;
+    } else {
+      spans.push_back({address, count});
+    }
+  });
+  uint64_t total = 0;
+  for (const auto& span : spans) total += span.length;
+  std::vector<Workers::Part> parts;
+  if (spans.empty()) return parts;
+  uint64_t start = spans.front().address;
+  for (unsigned k = 1; k < jobs; ++k) {
+    // The address of the byte that ends the k-th share, down to an 8-byte boundary.
+    uint64_t index = total / jobs * k;
+    uint64_t cut = start;
+    for (const auto& span : spans) {
+      if (index < span.length) {
+        cut = (span.address + index) / kMaxAccessBytes * kMaxAccessBytes;
+        break;
+      }
+      index -= span.length;
+    }
+    if (cut <= start) continue;
+    parts.push_back({start, cut - start});
+    start = cut;
+  }
+  parts.push_back({start, spans.back().address + spans.back().length - start});
+  return parts;
+}
+
+/// The words of a worker's load or verify of `part` of the image in `arguments`.
+std::vector<std::string> partCommand(const char* name, const ImageArguments& arguments, const Image& image,
+                                     const Workers::Part& part) {
+  std::vector<std::string> words{name, arguments.path};
+  if (arguments.address) words.push_back(hexAddress(*arguments.address));
+  const char* const formats[] = {"raw", "ihex", "srec", "elf"};
+  words.insert(words.end(), {"--format", formats[static_cast<int>(image.format())], "--part",
+                             hexAddress(part.address) + ":" + hexAddress(part.address + (part.length - 1))});
+  return words;
 }
 
 Transfer::Source sourceOf(const uint8_t* bytes) {
@@ -61,10 +123,21 @@ Transfer::Source sourceOf(const uint8_t* bytes) {
 
 /// Reads the image's bytes back from the target and throws Failure at the first that differs,
 /// saying what the file holds and what the target does in the words given.
-void compare(Image& image, Session& session, const std::string& fileHas, const std::string& targetHas) {
-  Target& target = session.target();
+void compare(Image& image, const ImageArguments& arguments, Session& session, const std::string& fileHas,
+             const std::string& targetHas) {
   Progress progress(session.output(), "verify", image.size());
-  eachPiece(image, session, [&](uint64_t address, const uint8_t* bytes, size_t count) {
+  const unsigned jobs =
+      image.rereadable() && image.size() && !arguments.part ? session.jobsFor(*image.size()) : 1;
+  if (jobs > 1) {
+    Workers::run(
+        session, progress, shares(image, session, jobs),
+        [&](const Workers::Part& part) { return partCommand("verify", arguments, image, part); },
+        [](size_t, const uint8_t*, size_t) {});
+    progress.finish("verified ");
+    return;
+  }
+  Target& target = session.target();
+  eachPiece(image, session, arguments.part, [&](uint64_t address, const uint8_t* bytes, size_t count) {
     if (const auto mismatch = Transfer::verify(target, address, count, progress, sourceOf(bytes))) {
       throw Failure(
           "verify failed at " + hexAddress(mismatch->address),
@@ -82,22 +155,32 @@ Action buildLoad(const Arguments& arguments) {
     if (verify && !file->rereadable()) {
       throw UsageError("--verify reads '" + image.path + "' again, which a pipe or a device cannot give");
     }
-    Target& target = session.target();
     {
       Progress progress(session.output(), "load", file->size());
-      eachPiece(*file, session, [&](uint64_t address, const uint8_t* bytes, size_t count) {
-        Transfer::write(target, address, count, progress, sourceOf(bytes));
-      });
+      const unsigned jobs =
+          file->rereadable() && file->size() && !image.part ? session.jobsFor(*file->size()) : 1;
+      if (jobs > 1) {
+        Workers::run(
+            session, progress, shares(*file, session, jobs),
+            [&](const Workers::Part& part) { return partCommand("load", image, *file, part); },
+            [](size_t, const uint8_t*, size_t) {});
+      } else {
+        Target& target = session.target();
+        eachPiece(*file, session, image.part, [&](uint64_t address, const uint8_t* bytes, size_t count) {
+          Transfer::write(target, address, count, progress, sourceOf(bytes));
+        });
+      }
       progress.finish();
     }
-    if (verify) compare(*file, session, "wrote ", "read back ");
+    if (verify) compare(*file, image, session, "wrote ", "read back ");
   };
 }
 
 Action buildVerify(const Arguments& arguments) {
   const ImageArguments image = imageArguments(arguments);
-  return
-      [=](Session& session) { compare(*openImage(image, session), session, "the file has ", "the target "); };
+  return [=](Session& session) {
+    compare(*openImage(image, session), image, session, "the file has ", "the target ");
+  };
 }
 
 const char* const kFormats =
@@ -113,6 +196,8 @@ const char* const kFormats =
 
 const Flag kFormatFlag{"format", "F",
                        "the format of FILE: raw, ihex, srec or elf (default: from its content)"};
+/// A worker's share of the image: FIRST:LAST, the addresses of the bytes it moves.
+const Flag kPartFlag{"part", "FIRST:LAST", nullptr};
 
 }  // namespace
 
@@ -133,7 +218,7 @@ std::vector<CommandSpec> imageCommands() {
        loadDescription.c_str(),
        {"FILE"},
        {"ADDR"},
-       {kFormatFlag, {"verify", nullptr, "read the bytes back and compare"}},
+       {kFormatFlag, {"verify", nullptr, "read the bytes back and compare"}, kPartFlag},
        true,
        buildLoad},
       {"verify",
@@ -142,7 +227,7 @@ std::vector<CommandSpec> imageCommands() {
        verifyDescription.c_str(),
        {"FILE"},
        {"ADDR"},
-       {kFormatFlag},
+       {kFormatFlag, kPartFlag},
        true,
        buildVerify},
   };

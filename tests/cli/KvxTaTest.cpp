@@ -80,7 +80,7 @@ TEST_F(KvxTaTest, EachCommandFamilyRoundTripsThroughServer) {
       {"reg sp", "0x000000007fff0000\n"},
       {"unreserve-all", ""},
       // An unaligned start and length: a short head access, aligned accesses, then a tail.
-      {"load " + file("image.bin", image) + " 0x10003 --verify", ""},
+      {"--jobs 3 load " + file("image.bin", image) + " 0x10003 --verify", ""},
       {"dump 0x10003 " + std::to_string(image.size()) + " --out " + back, ""},
       {"--jobs 3 dump 0x10003 " + std::to_string(image.size()) + " --out " + back + "3", ""},
       {"dump 0x10003 20",
