@@ -65,7 +65,8 @@ void Help::program(std::ostream& out) {
   }
   out << "\n"
       << CommandLine::options() << "\n"
-      << "Numbers are decimal or hex with 0x; addresses are 64-bit; values are little-endian.\n"
+      << "Numbers are decimal (no leading zero) or hex with 0x; addresses are 64-bit; values are\n"
+         "little-endian.\n"
          "Exit status: 0 done, 1 failed on the target, its connection or the output, 2 usage error.\n";
 }
 

@@ -15,7 +15,7 @@ namespace {
 
 const char* const kPrefix = "kvx-ta: ";
 
-[[noreturn]] void cannotWrite(int error) { throw Failure("cannot write the output", std::strerror(error)); }
+[[noreturn]] void cannotWrite(int error) { throw Failure("cannot write to standard output", std::strerror(error)); }
 
 }  // namespace
 

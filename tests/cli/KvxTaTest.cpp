@@ -248,7 +248,7 @@ TEST_F(KvxTaTest, OutputsNeverLie) {
   const ProgramResult full =
       runProgram({"/bin/sh", "-c", std::string(KVX_TA_PATH) + " -q read 0 >/dev/full"});
   EXPECT_TRUE(full.exitCode == kFailure &&
-              full.err == "kvx-ta: cannot write the output: No space left on device\n")
+              full.err == "kvx-ta: cannot write to standard output: No space left on device\n")
       << full;
   // With --json, a result and a failure are an object each; --verbose adds the plug-in's location.
   const ProgramResult json = kvxTa("--json -q script", nullptr, "read 0x1000\nreg nosuch\n");
