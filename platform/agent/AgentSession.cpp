@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -304,6 +305,9 @@ bool AgentSession::spinForReply(size_t& received) {
     }
     // An end of stream or an error is the receive loop's to report.
     if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) return false;
+    // An agent on this CPU gets it at once, instead of when we are preempted; with nothing else
+    // to run here, the call returns at once.
+    ::sched_yield();
   } while (Clock::now() < end);
   m_spinBackoff = static_cast<uint16_t>(std::min<unsigned>(2u * m_spinBackoff + 1, kMaxSpinSkip));
   m_spinSkip = m_spinBackoff;
