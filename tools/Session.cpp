@@ -40,9 +40,9 @@ Session::~Session() {
 }
 
 unsigned Session::jobsFor(uint64_t length) const {
-  // Measured (docs/performance.md): against an agent 200 us away four workers move 3.3 times as
-  // much as one, eight 5.8 times; on loopback extra workers only compete with the agent for the
-  // CPUs and move less. A short transfer is not worth starting workers for.
+  // Measured (docs/performance.md): against an agent 200 us away four workers move 3.1 times as
+  // much as one, eight 5.9 times; on loopback extra workers share the CPUs with the agent and
+  // gain little or lose. A short transfer is not worth starting workers for.
   constexpr unsigned kRemoteJobs = 4;
   constexpr uint64_t kParallelFrom = 64 * 1024;
   if (m_jobs) return *m_jobs;
