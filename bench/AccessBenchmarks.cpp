@@ -151,6 +151,20 @@ void BM_RawRoundTripLoopback(benchmark::State& state) {
 }
 BENCHMARK(BM_RawRoundTripLoopback)->Name("BM_RawRoundTrip/loopback");
 
+/// The timed loop of the loopback reads: one 8-byte read_mem an iteration.
+void readWhileTheStateRuns(benchmark::State& state, vorn::TaProcessKVX& process) {
+  const vorn::ExtAddress address = targetAddress();
+  uint64_t value = 0;
+  for (auto _ : state) {
+    try {
+      process.read_mem(address, 1, kAccessBytes, &value);
+    } catch (const std::exception& e) {
+      fail(state, e.what());
+      break;
+    }
+  }
+}
+
 /// Reads through one process per thread; with several threads, all name the same endpoint, so
 /// they share the session and contend for the locks and the one connection.
 void BM_ReadMemLoopback(benchmark::State& state) {
@@ -163,16 +177,7 @@ void BM_ReadMemLoopback(benchmark::State& state) {
     fail(state, e.what());
     return;
   }
-  const vorn::ExtAddress address = targetAddress();
-  uint64_t value = 0;
-  for (auto _ : state) {
-    try {
-      process->read_mem(address, 1, kAccessBytes, &value);
-    } catch (const std::exception& e) {
-      fail(state, e.what());
-      break;
-    }
-  }
+  readWhileTheStateRuns(state, *process);
 }
 BENCHMARK(BM_ReadMemLoopback)->Name("BM_ReadMem/loopback");
 
@@ -192,17 +197,8 @@ void BM_ReadMemPinned(benchmark::State& state, int cpu) {
     return;
   }
   const PinnedThread pinned(0);
-  const vorn::ExtAddress address = targetAddress();
-  uint64_t value = 0;
   const double simCpuBefore = processCpuMicroseconds(sim);
-  for (auto _ : state) {
-    try {
-      process->read_mem(address, 1, kAccessBytes, &value);
-    } catch (const std::exception& e) {
-      fail(state, e.what());
-      break;
-    }
-  }
+  readWhileTheStateRuns(state, *process);
   state.counters["sim_cpu_us"] =
       benchmark::Counter(processCpuMicroseconds(sim) - simCpuBefore, benchmark::Counter::kAvgIterations);
 }

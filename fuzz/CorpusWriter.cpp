@@ -16,12 +16,14 @@
 #include <string>
 #include <vector>
 
+#include "common/WireConnection.h"
 #include "fuzz/FuzzSetup.h"
 #include "platform/protocol/AgentProtocol.h"
 
 namespace protocol = kvx::protocol;
 using protocol::Opcode;
 using Bytes = std::vector<uint8_t>;
+using kvx::common::encoded;
 
 namespace {
 
@@ -41,23 +43,11 @@ protocol::Request request(Opcode opcode, uint64_t value = 0, uint32_t size = 0, 
   return r;
 }
 
-Bytes encode(const protocol::Request& r) {
-  Bytes frame(protocol::kMaxFrameSize);
-  frame.resize(protocol::encodeRequest(r, frame.data(), frame.size()));
-  return frame;
-}
-
-Bytes encode(const protocol::Reply& r) {
-  Bytes frame(protocol::kMaxFrameSize);
-  frame.resize(protocol::encodeReply(r, frame.data(), frame.size()));
-  return frame;
-}
-
 /// The frames of `requests`, back to back, as one stream.
 Bytes stream(const std::vector<protocol::Request>& requests) {
   Bytes all;
   for (const protocol::Request& r : requests) {
-    const Bytes frame = encode(r);
+    const Bytes frame = encoded(r);
     all.insert(all.end(), frame.begin(), frame.end());
   }
   return all;
@@ -88,17 +78,17 @@ int main(int argc, char** argv) {
 
   const protocol::Request hello = request(Opcode::kHello, protocol::kProtocolVersion);
   const std::string requests = root + "/request_decoder";
-  save(requests, "hello", encode(hello));
-  save(requests, "goodbye", encode(request(Opcode::kGoodbye)));
-  save(requests, "io-write-8", encode(request(Opcode::kIoWrite, 0x1000, 8)));
-  save(requests, "io-write-3", encode(request(Opcode::kIoWrite, 0x2001, 3)));
-  save(requests, "io-read-4", encode(request(Opcode::kIoRead, 0x2000, 4)));
-  save(requests, "reg-write-pc", encode(request(Opcode::kRegWrite, 0x401000, 0, "pc")));
-  save(requests, "reg-write-r63", encode(request(Opcode::kRegWrite, ~0ull, 0, "r63")));
-  save(requests, "reg-read-sp", encode(request(Opcode::kRegRead, 0, 0, "sp")));
-  save(requests, "ddr-reserve", encode(request(Opcode::kDdrReserve, 100)));
-  save(requests, "ddr-unreserve", encode(request(Opcode::kDdrUnreserve, kvx::fuzz::kReserveBase)));
-  save(requests, "ddr-unreserve-all", encode(request(Opcode::kDdrUnreserveAll)));
+  save(requests, "hello", encoded(hello));
+  save(requests, "goodbye", encoded(request(Opcode::kGoodbye)));
+  save(requests, "io-write-8", encoded(request(Opcode::kIoWrite, 0x1000, 8)));
+  save(requests, "io-write-3", encoded(request(Opcode::kIoWrite, 0x2001, 3)));
+  save(requests, "io-read-4", encoded(request(Opcode::kIoRead, 0x2000, 4)));
+  save(requests, "reg-write-pc", encoded(request(Opcode::kRegWrite, 0x401000, 0, "pc")));
+  save(requests, "reg-write-r63", encoded(request(Opcode::kRegWrite, ~0ull, 0, "r63")));
+  save(requests, "reg-read-sp", encoded(request(Opcode::kRegRead, 0, 0, "sp")));
+  save(requests, "ddr-reserve", encoded(request(Opcode::kDdrReserve, 100)));
+  save(requests, "ddr-unreserve", encoded(request(Opcode::kDdrUnreserve, kvx::fuzz::kReserveBase)));
+  save(requests, "ddr-unreserve-all", encoded(request(Opcode::kDdrUnreserveAll)));
 
   const std::string replies = root + "/reply_decoder";
   const auto reply = [](Opcode opcode, protocol::ReplyStatus status, uint64_t value = 0, uint8_t width = 0) {
@@ -114,18 +104,19 @@ int main(int argc, char** argv) {
     return r;
   };
   using protocol::ReplyStatus;
-  save(replies, "hello", encode(reply(Opcode::kHello, ReplyStatus::kOk, protocol::kProtocolVersion)));
-  save(replies, "hello-refused", encode(reply(Opcode::kHello, ReplyStatus::kSessionRefused, 1)));
-  save(replies, "io-write", encode(reply(Opcode::kIoWrite, ReplyStatus::kOk)));
-  save(replies, "io-write-denied", encode(reply(Opcode::kIoWrite, ReplyStatus::kDenied)));
-  save(replies, "io-read", encode(reply(Opcode::kIoRead, ReplyStatus::kOk)));
-  save(replies, "reg-write", encode(reply(Opcode::kRegWrite, ReplyStatus::kOk)));
-  save(replies, "reg-read", encode(reply(Opcode::kRegRead, ReplyStatus::kOk, 0x1122334455667788ull, 8)));
-  save(replies, "reg-read-ps", encode(reply(Opcode::kRegRead, ReplyStatus::kOk, 0x11223344, 4)));
-  save(replies, "reg-read-unknown", encode(reply(Opcode::kRegRead, ReplyStatus::kUnknownRegister)));
-  save(replies, "ddr-reserve", encode(reply(Opcode::kDdrReserve, ReplyStatus::kOk, kvx::fuzz::kReserveBase)));
-  save(replies, "ddr-unreserve", encode(reply(Opcode::kDdrUnreserve, ReplyStatus::kNotReserved)));
-  save(replies, "ddr-unreserve-all", encode(reply(Opcode::kDdrUnreserveAll, ReplyStatus::kOk)));
+  save(replies, "hello", encoded(reply(Opcode::kHello, ReplyStatus::kOk, protocol::kProtocolVersion)));
+  save(replies, "hello-refused", encoded(reply(Opcode::kHello, ReplyStatus::kSessionRefused, 1)));
+  save(replies, "io-write", encoded(reply(Opcode::kIoWrite, ReplyStatus::kOk)));
+  save(replies, "io-write-denied", encoded(reply(Opcode::kIoWrite, ReplyStatus::kDenied)));
+  save(replies, "io-read", encoded(reply(Opcode::kIoRead, ReplyStatus::kOk)));
+  save(replies, "reg-write", encoded(reply(Opcode::kRegWrite, ReplyStatus::kOk)));
+  save(replies, "reg-read", encoded(reply(Opcode::kRegRead, ReplyStatus::kOk, 0x1122334455667788ull, 8)));
+  save(replies, "reg-read-ps", encoded(reply(Opcode::kRegRead, ReplyStatus::kOk, 0x11223344, 4)));
+  save(replies, "reg-read-unknown", encoded(reply(Opcode::kRegRead, ReplyStatus::kUnknownRegister)));
+  save(replies, "ddr-reserve",
+       encoded(reply(Opcode::kDdrReserve, ReplyStatus::kOk, kvx::fuzz::kReserveBase)));
+  save(replies, "ddr-unreserve", encoded(reply(Opcode::kDdrUnreserve, ReplyStatus::kNotReserved)));
+  save(replies, "ddr-unreserve-all", encoded(reply(Opcode::kDdrUnreserveAll, ReplyStatus::kOk)));
 
   const std::string sessions = root + "/request_handler";
   save(sessions, "write-then-read",
