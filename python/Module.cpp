@@ -18,11 +18,11 @@
 #include "client/TargetConfig_TaProcessClient.h"
 #include "manager/TaProcessManager.h"
 #include "python/Arguments.h"
-#include "python/GilRelease.h"
 #include "python/PythonLogAppender.h"
 #include "python/Simulator.h"
 #include "python/Target.h"
 #include "python/TargetError.h"
+#include "python/WithoutGil.h"
 #include "vorn/ConfigBlock.h"
 
 namespace py = pybind11;
@@ -66,9 +66,10 @@ int32_t admission(py::handle config) {
     const std::string name = Arguments::toString(key, "a key of config");
     block->setAttribute(name, attributeFrom(name, value));
   }
-  GilRelease release;
-  return vorn::TaProcessManager::getInstance().registerClient(
-      boost::make_shared<vorn::TargetConfig_TaProcessClient>(), block);
+  return withoutGil([&] {
+    return vorn::TaProcessManager::getInstance().registerClient(
+        boost::make_shared<vorn::TargetConfig_TaProcessClient>(), block);
+  });
 }
 
 // ---- Simulator ----
@@ -124,8 +125,7 @@ the first on PATH. Raises RuntimeError, with what the simulator said, when it ca
                        py::handle hangAfter, py::handle refuseSessions) {
              const std::vector<std::string> options =
                  simulatorOptions(deny, memoryLimit, latencyUs, dropAfter, hangAfter, refuseSessions);
-             GilRelease release;
-             return std::make_unique<Simulator>(options);
+             return withoutGil([&] { return std::make_unique<Simulator>(options); });
            }),
            py::kw_only(), py::arg("deny") = py::none(), py::arg("memory_limit") = py::none(),
            py::arg("latency_us") = py::none(), py::arg("drop_after") = py::none(),
@@ -137,19 +137,11 @@ the first on PATH. Raises RuntimeError, with what the simulator said, when it ca
           "port", [](const Simulator& simulator) { return simulator.endpoint().port; },
           "The port it listens on.")
       .def(
-          "stop",
-          [](Simulator& simulator) {
-            GilRelease release;
-            simulator.stop();
-          },
+          "stop", [](Simulator& simulator) { withoutGil([&] { simulator.stop(); }); },
           "Stops the simulator; does nothing when it is stopped already.")
       .def("__enter__", [](py::object self) { return self; })
       .def(
-          "__exit__",
-          [](Simulator& simulator, py::args) {
-            GilRelease release;
-            simulator.stop();
-          },
+          "__exit__", [](Simulator& simulator, py::args) { withoutGil([&] { simulator.stop(); }); },
           "Stops the simulator.");
 }
 
@@ -171,8 +163,7 @@ void bindSizedAccess(py::class_<Target>& target, unsigned size) {
   target.def(("read_u" + bits).c_str(),
              [size](Target& self, py::handle address) {
                const uint64_t at = Arguments::toUnsigned(address, "address");
-               GilRelease release;
-               return self.readUnsigned(at, size);
+               return withoutGil([&] { return self.readUnsigned(at, size); });
              },
              py::arg("address"),
              ("The unsigned " + bits + "-bit little-endian value at address, in one access.").c_str());
@@ -180,8 +171,7 @@ void bindSizedAccess(py::class_<Target>& target, unsigned size) {
              [size, most](Target& self, py::handle address, py::handle value) {
                const uint64_t at = Arguments::toUnsigned(address, "address");
                const uint64_t number = Arguments::toUnsigned(value, "value", most);
-               GilRelease release;
-               self.writeUnsigned(at, number, size);
+               withoutGil([&] { self.writeUnsigned(at, number, size); });
              },
              py::arg("address"), py::arg("value"),
              ("Writes value as an unsigned " + bits + "-bit little-endian number, in one access.").c_str());
@@ -196,8 +186,7 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
   target.def(py::init([](py::handle host, py::handle port) {
                const std::string name = Arguments::toString(host, "host");
                const auto number = static_cast<uint16_t>(Arguments::toUnsigned(port, "port", UINT16_MAX));
-               GilRelease release;
-               return std::make_unique<Target>(name, number);
+               return withoutGil([&] { return std::make_unique<Target>(name, number); });
              }),
              py::arg("host"), py::arg("port"));
   target.def(
@@ -207,8 +196,7 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
         const uint64_t start = rangeStart(address, size);
         std::string bytes(size, '\0');
         {
-          GilRelease release;
-          self.read(start, reinterpret_cast<uint8_t*>(bytes.data()), size);
+          withoutGil([&] { self.read(start, reinterpret_cast<uint8_t*>(bytes.data()), size); });
         }
         return py::bytes(bytes);
       },
@@ -220,8 +208,7 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
       [](Target& self, py::handle address, py::handle data) {
         const std::string bytes = Arguments::toBytes(data, "data");
         const uint64_t start = rangeStart(address, bytes.size());
-        GilRelease release;
-        self.write(start, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+        withoutGil([&] { self.write(start, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()); });
       },
       py::arg("address"), py::arg("data"),
       "Writes the bytes of data from address on, split as read() splits.");
@@ -234,11 +221,8 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
         const uint64_t unit =
             Arguments::toUnsigned(unitSize, "unit_size", std::numeric_limits<unsigned>::max());
         uint8_t bytes[sizeof(uint64_t)] = {};
-        size_t moved = 0;
-        {
-          GilRelease release;
-          moved = self.readOnce(at, size_t(units), unsigned(unit), bytes);
-        }
+        const size_t moved =
+            withoutGil([&] { return self.readOnce(at, size_t(units), unsigned(unit), bytes); });
         return py::bytes(reinterpret_cast<const char*>(bytes), moved);
       },
       py::arg("address"), py::arg("count"), py::arg("unit_size") = 1,
@@ -248,8 +232,7 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
       "read_register",
       [](Target& self, py::handle name) {
         const std::string registerName = Arguments::toString(name, "register name");
-        GilRelease release;
-        return self.readRegister(registerName);
+        return withoutGil([&] { return self.readRegister(registerName); });
       },
       py::arg("name"), "The value of the register called name; target.registers[name] reads it too.");
   target.def(
@@ -257,8 +240,7 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
       [](Target& self, py::handle name, py::handle value) {
         const std::string registerName = Arguments::toString(name, "register name");
         const uint64_t number = Arguments::toUnsigned(value, "value");
-        GilRelease release;
-        self.writeRegister(registerName, number);
+        withoutGil([&] { self.writeRegister(registerName, number); });
       },
       py::arg("name"), py::arg("value"),
       "Writes value to the register called name, which refuses a value wider than itself.");
@@ -266,8 +248,7 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
       "reserve",
       [](Target& self, py::handle size) {
         const uint64_t bytes = Arguments::toUnsigned(size, "size");
-        GilRelease release;
-        return self.reserve(bytes);
+        return withoutGil([&] { return self.reserve(bytes); });
       },
       py::arg("size"),
       "The address of a newly reserved block of size bytes; TargetError when there is no room.");
@@ -275,16 +256,11 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
       "unreserve",
       [](Target& self, py::handle address) {
         const uint64_t at = Arguments::toUnsigned(address, "address");
-        GilRelease release;
-        return self.unreserve(at);
+        return withoutGil([&] { return self.unreserve(at); });
       },
       py::arg("address"), "Releases the reserved block at address; False when no block starts there.");
   target.def(
-      "unreserve_all",
-      [](Target& self) {
-        GilRelease release;
-        return self.unreserveAll();
-      },
+      "unreserve_all", [](Target& self) { return withoutGil([&] { return self.unreserveAll(); }); },
       "Releases every reserved block; False when the agent refuses.");
 }
 
@@ -305,10 +281,7 @@ PYBIND11_MODULE(_ta_kvx, module) {
   bindSimulator(module);
   bindTarget(module);
 
-  {
-    GilRelease release;
-    PythonLogAppender::attachUnlessConfigured();
-  }
+  withoutGil(&PythonLogAppender::attachUnlessConfigured);
   // Records logged once the interpreter shuts down have no Python to go to.
   py::module_::import("atexit").attr("register")(py::cpp_function(&PythonLogAppender::closeAttached));
 }

@@ -28,10 +28,11 @@ const char* const kFallbackMemorySpace = "logger";
 constexpr uint64_t kMaxAccessBytes = 8;
 
 /// Held shared by every access and alone by every reservation operation, of all targets: see
-/// Target.h. Taken before the plug-in's locks, never while waiting for the interpreter's.
+/// Target.h. Taken before the plug-in's locks, never while waiting for the interpreter's. Never
+/// destroyed, as daemon threads may still hold it while the process exits.
 std::shared_mutex& reservationLock() {
-  static std::shared_mutex lock;
-  return lock;
+  static auto* lock = new std::shared_mutex;
+  return *lock;
 }
 
 /// The bytes of the access that starts at `address`: up to the next 8-byte boundary, so that

@@ -134,13 +134,20 @@ def test_simulator_that_cannot_start_raises_with_its_stderr():
 
 
 def test_daemon_threads_in_the_plugin_let_the_interpreter_exit():
+    # The daemon threads come back from their accesses while the interpreter shuts down, which
+    # SlowShutdown draws out so that all of them are out of the plug-in before the process exits
+    # and destroys its statics.
     script = """
 import threading, time, ta_kvx
-simulator = ta_kvx.Simulator(latency_us=2000)
+simulator = ta_kvx.Simulator()
 target = ta_kvx.Target(simulator.host, simulator.port)
 def loop():
     while True:
         target.read_u32(0x10)
+class SlowShutdown:
+    def __del__(self):
+        time.sleep(0.1)
+keeper = SlowShutdown()
 for _ in range(3):
     threading.Thread(target=loop, daemon=True).start()
 time.sleep(0.2)
