@@ -195,9 +195,7 @@ agent. A refused access, or one whose agent is gone, raises TargetError.)");
         const uint64_t size = Arguments::toUnsigned(length, "length");
         const uint64_t start = rangeStart(address, size);
         std::string bytes(size, '\0');
-        {
-          withoutGil([&] { self.read(start, reinterpret_cast<uint8_t*>(bytes.data()), size); });
-        }
+        withoutGil([&] { self.read(start, reinterpret_cast<uint8_t*>(bytes.data()), size); });
         return py::bytes(bytes);
       },
       py::arg("address"), py::arg("length"),
