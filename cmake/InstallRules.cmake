@@ -4,6 +4,7 @@
 #
 #   lib/libta_kvx.so, lib/libvorn_host.so, lib/libtarget.agent.so   side by side
 #   bin/kvx-ta, bin/kvx-agent-sim
+#   lib/python3/dist-packages/ta_kvx/                                the Python package
 #   share/man/man1/, share/bash-completion/completions/kvx-ta       their man pages, completion
 #   include/{vorn,manager,agent,client}/...
 #   lib/cmake/ta_kvx/                                                the CMake package
@@ -57,6 +58,23 @@ install(FILES "${PROJECT_SOURCE_DIR}/tools/kvx-ta.bash-completion"
   DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
   RENAME kvx-ta
   COMPONENT runtime)
+
+# ---- Python package ----
+
+# Where Debian's python3 looks under /usr; under another prefix, PYTHONPATH names the folder.
+set(TA_KVX_INSTALL_PYTHONDIR "${TA_KVX_INSTALL_LIBDIR}/python3/dist-packages")
+if(TARGET ta_kvx_python)
+  # The module's run path leads from its folder to the prefix's lib/ too, ahead of the entry for
+  # the build tree (python/CMakeLists.txt), which leads nowhere in a prefix.
+  file(RELATIVE_PATH python_to_lib "/${TA_KVX_INSTALL_PYTHONDIR}/ta_kvx" "/${TA_KVX_INSTALL_LIBDIR}")
+  string(REGEX REPLACE "/$" "" python_to_lib "${python_to_lib}")
+  get_target_property(build_tree_path ta_kvx_python INSTALL_RPATH)
+  set_target_properties(ta_kvx_python PROPERTIES INSTALL_RPATH "$ORIGIN/${python_to_lib};${build_tree_path}")
+  install(TARGETS ta_kvx_python
+    LIBRARY DESTINATION "${TA_KVX_INSTALL_PYTHONDIR}/ta_kvx" COMPONENT runtime)
+  install(FILES ${TA_KVX_PYTHON_SOURCES}
+    DESTINATION "${TA_KVX_INSTALL_PYTHONDIR}/ta_kvx" COMPONENT runtime)
+endif()
 
 # ---- Headers ----
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +24,8 @@ const std::string kReadyPrefix = "listening on ";
 constexpr std::chrono::seconds kStartDeadline(10);
 /// How long the child may take to exit after SIGTERM before it is killed.
 constexpr int kStopSeconds = 3;
+/// The most of a captured stderr that an error message quotes.
+constexpr size_t kMostQuotedBytes = 4096;
 /// How long restart() waits for the port to come free.
 constexpr int kRestartAttempts = 20;
 constexpr std::chrono::milliseconds kRestartInterval(100);
@@ -45,18 +48,22 @@ Endpoint parseReadyLine(const std::string& line) {
 
 }  // namespace
 
-SimulatorProcess::SimulatorProcess(std::string program, std::vector<std::string> options)
-    : m_program(std::move(program)) {
+SimulatorProcess::SimulatorProcess(std::string program, std::vector<std::string> options, Stderr stderrMode)
+    : m_program(std::move(program)), m_stderrMode(stderrMode) {
   spawn(options);
   try {
     m_endpoint = parseReadyLine(readReadyLine());
-  } catch (const std::runtime_error&) {
+  } catch (const std::runtime_error& error) {
+    // Stopped first, so that everything the child wrote is there to quote.
     stop();
-    throw;
+    throw std::runtime_error(error.what() + capturedStderr());
   }
 }
 
-SimulatorProcess::~SimulatorProcess() { stop(); }
+SimulatorProcess::~SimulatorProcess() {
+  stop();
+  if (m_stderr >= 0) ::close(m_stderr);
+}
 
 void SimulatorProcess::spawn(const std::vector<std::string>& options) {
   if (::access(m_program.c_str(), X_OK) != 0) throw systemFailure("cannot run '" + m_program + "'");
@@ -67,6 +74,13 @@ void SimulatorProcess::spawn(const std::vector<std::string>& options) {
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
 
+  if (m_stderrMode == Stderr::kCapture) {
+    if (m_stderr >= 0) ::close(m_stderr);
+    // A file rather than a pipe: nobody reads it while the child runs, and a write to it never
+    // blocks.
+    m_stderr = ::memfd_create("kvx-agent-sim stderr", MFD_CLOEXEC);
+    if (m_stderr < 0) throw systemFailure("cannot create a file for its stderr");
+  }
   int pipeEnds[2];
   if (::pipe2(pipeEnds, O_CLOEXEC) != 0) throw systemFailure("cannot create a pipe");
   const pid_t parent = ::getpid();
@@ -84,7 +98,8 @@ void SimulatorProcess::spawn(const std::vector<std::string>& options) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent) ::_exit(127);
     const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (devNull < 0 || ::dup2(devNull, STDIN_FILENO) < 0 || ::dup2(pipeEnds[1], STDOUT_FILENO) < 0)
+    if (devNull < 0 || ::dup2(devNull, STDIN_FILENO) < 0 || ::dup2(pipeEnds[1], STDOUT_FILENO) < 0 ||
+        (m_stderr >= 0 && ::dup2(m_stderr, STDERR_FILENO) < 0))
       ::_exit(127);
     ::execv(argv[0], argv.data());
     ::_exit(127);
@@ -112,6 +127,16 @@ std::string SimulatorProcess::readReadyLine() {
     if (c == '\n') return line;
     line.push_back(c);
   }
+}
+
+std::string SimulatorProcess::capturedStderr() const {
+  if (m_stderr < 0) return "";
+  char text[kMostQuotedBytes];
+  const ssize_t got = ::pread(m_stderr, text, sizeof text, 0);
+  if (got <= 0) return "";
+  std::string said(text, static_cast<size_t>(got));
+  while (!said.empty() && (said.back() == '\n' || said.back() == ' ')) said.pop_back();
+  return "; it said:\n" + said;
 }
 
 int SimulatorProcess::reap(int seconds) {

@@ -2,8 +2,10 @@
 // has announced where it listens ("listening on ADDRESS:PORT"), and stopped at the latest when
 // destroyed. kvx-ta's embedded agent, the tests and the benchmarks all start simulators here.
 //
-// The child reads nothing (its stdin is /dev/null) and logs to the caller's stderr; should the
-// caller die, even by SIGKILL, the kernel sends the child SIGTERM. Each instance owns its child.
+// The child reads nothing (its stdin is /dev/null) and logs to the caller's stderr, or into a
+// buffer that a failure to start quotes. The kernel sends the child SIGTERM should the caller
+// die, even by SIGKILL, and also when the thread that started it ends (PR_SET_PDEATHSIG follows
+// the thread): start it from a thread that outlives it. Each instance owns its child.
 // Not thread-safe: start, query and stop an instance from one thread; the simulator itself serves
 // any number of clients and threads.
 #pragma once
@@ -19,10 +21,19 @@ namespace kvx::common {
 
 class SimulatorProcess {
  public:
+  /// Where the child's stderr goes.
+  enum class Stderr {
+    kInherit,  ///< to the caller's stderr
+    /// into an unbounded in-memory file, quoted when the child fails to start: for a child run
+    /// with --quiet, which writes there only why it could not start.
+    kCapture,
+  };
+
   /// Starts `program` with `options` after its name and waits until it listens. Throws
   /// std::runtime_error when it cannot be started, exits first, or stays silent for ten seconds;
-  /// a child that was started is stopped first.
-  SimulatorProcess(std::string program, std::vector<std::string> options);
+  /// a child that was started is stopped first, and a captured stderr ends the message.
+  SimulatorProcess(std::string program, std::vector<std::string> options,
+                   Stderr stderrMode = Stderr::kInherit);
   /// Stops the simulator as stop() does.
   ~SimulatorProcess();
 
@@ -48,17 +59,23 @@ class SimulatorProcess {
   static std::string besideThisProgram();
 
  private:
-  /// Forks and executes the program; sets m_pid and m_stdout.
+  /// Forks and executes the program; sets m_pid, m_stdout and, when capturing, m_stderr.
   void spawn(const std::vector<std::string>& options);
+  /// What the child wrote to a captured stderr so far, as the end of an error message; empty
+  /// when it is not captured or the child wrote nothing.
+  std::string capturedStderr() const;
   /// Reads the child's first stdout line within the start deadline.
   std::string readReadyLine();
   /// Reaps the child, waiting at most `seconds`; its status as stop() gives it, -1 if it runs on.
   int reap(int seconds);
 
   std::string m_program;
+  Stderr m_stderrMode;
   pid_t m_pid = -1;
   /// Read end of the child's stdout, kept open while it runs so that its writes never fail.
   int m_stdout = -1;
+  /// The in-memory file behind a captured stderr, replaced at each start; -1 when inherited.
+  int m_stderr = -1;
   Endpoint m_endpoint;
 };
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Builds the Debian package with CPack into a temporary directory and checks it: everything under
 # one prefix but the few files Debian wants in /usr/share, the three libraries side by side in its
-# lib/, the development files, the man pages and completion, a Depends line that names the
-# package of every system library the packaged binaries need, and no error from lintian.
+# lib/, the Python package, the development files, the man pages and completion, a Depends line
+# that names the package of every system library the packaged binaries need, and no error from
+# lintian.
 #
 # usage: debian_package.sh CPACK BUILD_DIR
 set -euo pipefail
@@ -32,9 +33,13 @@ for file in lib/libta_kvx.so lib/libvorn_host.so lib/libtarget.agent.so \
             include/manager/TaProcessManager.h include/agent/TargetAgent.h \
             lib/cmake/ta_kvx/ta_kvxConfig.cmake lib/cmake/ta_kvx/ta_kvxConfigVersion.cmake \
             share/man/man1/kvx-ta.1 share/man/man1/kvx-agent-sim.1 \
-            share/bash-completion/completions/kvx-ta; do
+            share/bash-completion/completions/kvx-ta \
+            lib/python3/dist-packages/ta_kvx/__init__.py lib/python3/dist-packages/ta_kvx/pytest_plugin.py; do
   grep -qxF "$prefix/$file" <<<"$contents" || fail "the package lacks $prefix/$file"
 done
+# The extension module's name ends in the interpreter's tag, such as .cpython-311-x86_64-linux-gnu.so.
+grep -qx "$prefix/lib/python3/dist-packages/ta_kvx/_ta_kvx\..*\.so" <<<"$contents" ||
+  fail "the package lacks the Python extension module $prefix/lib/python3/dist-packages/ta_kvx/_ta_kvx.*.so"
 # Outside the prefix: what Debian wants of every package, and the link through which
 # bash-completion finds the completion.
 outside=$(grep -v "^$prefix/" <<<"$contents" | grep -vxF "./

@@ -1,0 +1,1 @@
+pytest_plugins = ["ta_kvx.pytest_plugin"]

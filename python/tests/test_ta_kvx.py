@@ -1,0 +1,156 @@
+"""The ta_kvx package against kvx-agent-sim: what Python adds to the plug-in, each fault once."""
+
+import subprocess
+import sys
+import threading
+import time
+
+import pytest
+
+import ta_kvx
+from ta_kvx import Simulator, Target, TargetError
+
+
+def test_memory_round_trips_through_the_fixture(kvx_target):
+    data = bytes(range(1, 20))
+    kvx_target.write(0x1003, data)  # an unaligned start, a whole access, an unaligned end
+    assert kvx_target.read(0x1003, len(data)) == data
+    assert kvx_target.read(0x1003, 0) == b""
+    for bits, value in [(8, 0xA5), (16, 0xBEEF), (32, 0xDEADBEEF), (64, 0x0123456789ABCDEF)]:
+        getattr(kvx_target, f"write_u{bits}")(0x2000, value)
+        assert getattr(kvx_target, f"read_u{bits}")(0x2000) == value
+    assert kvx_target.read(0x2000, 8) == bytes.fromhex("efcdab8967452301")  # little-endian
+
+
+def test_registers_reservations_and_admission(kvx_target):
+    kvx_target.registers["pc"] = 0x401000
+    assert kvx_target.registers["pc"] == 0x401000
+    with pytest.raises(TargetError) as unknown:
+        kvx_target.registers["no-such-register"]
+    assert (unknown.value.register, unknown.value.address) == ("no-such-register", None)
+
+    block = kvx_target.reserve(64)
+    assert kvx_target.unreserve(block) is True
+    assert kvx_target.unreserve(block) is False
+    kvx_target.reserve(16)
+    assert kvx_target.unreserve_all() is True
+
+    assert ta_kvx.admission({"TaType": "KVX", "ServerPort": 1}) == ta_kvx.TA_METHOD_SERVED
+    assert ta_kvx.admission({"Target Access Method": ["other"]}) == ta_kvx.TA_METHOD_NOT_SERVED
+    assert ta_kvx.admission({"ServerPort": 1}) == ta_kvx.TA_METHOD_MISSING
+
+
+def test_refused_access_raises_with_the_address():
+    with Simulator(deny=[(0xDEAD0000, 0x100)]) as simulator:
+        target = Target(simulator.host, simulator.port)
+        with pytest.raises(TargetError) as refused:
+            target.read_u32(0xDEAD0010)
+        assert refused.value.address == 0xDEAD0010
+        assert "dead0010" in refused.value.message
+        assert target.read_u32(0xDEAD0100) == 0  # the session survives a refusal
+
+
+@pytest.mark.parametrize(
+    "call, error, argument",
+    [
+        (lambda t: t.read_u32("0x10"), TypeError, "address"),
+        (lambda t: t.read(-1, 4), ValueError, "address"),
+        (lambda t: t.read(2**64 - 4, 8), ValueError, "length"),
+        (lambda t: t.write_u8(0, 256), ValueError, "value"),
+        (lambda t: t.write(0, "text"), TypeError, "data"),
+        (lambda t: t.registers[1], TypeError, "register name"),
+        (lambda t: Target("127.0.0.1", 65536), ValueError, "port"),
+        (lambda t: ta_kvx.admission({"ServerPort": 2**32}), ValueError, "ServerPort"),
+        (lambda t: Simulator(deny=[(1, 2, 3)]), TypeError, "deny"),
+    ],
+)
+def test_bad_input_raises_naming_the_argument(call, error, argument):
+    target = Target("127.0.0.1", 9)  # makes no agent call until an access
+    with pytest.raises(error, match=argument):
+        call(target)
+
+
+def test_threads_on_two_targets_read_back_what_they_wrote():
+    with Simulator() as first, Simulator() as second:
+        targets = [Target(first.host, first.port), Target(second.host, second.port)]
+        failures = []
+
+        def work(thread):
+            target = targets[thread % 2]
+            for i in range(200):
+                # Every thread writes its own word; threads that share a target share its memory.
+                value = (thread << 32) | i
+                target.write_u64(0x1000 + 8 * thread, value)
+                if target.read_u64(0x1000 + 8 * thread) != value:
+                    failures.append((thread, i))
+
+        threads = [threading.Thread(target=work, args=(n,)) for n in range(4)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        assert failures == []
+        # Each target holds only its own threads' words.
+        assert targets[0].read_u64(0x1008) == 0 and targets[1].read_u64(0x1000) == 0
+
+
+def test_access_to_a_hung_agent_fails_while_other_threads_run(monkeypatch):
+    monkeypatch.setenv("TA_AGENT_TIMEOUT_MS", "1000")  # read as the session opens
+    with Simulator(hang_after=1) as simulator:  # answers the handshake, then nothing
+        target = Target(simulator.host, simulator.port)
+        failures = []
+        calling = threading.Event()
+
+        def read():
+            calling.set()
+            with pytest.raises(TargetError) as gone:
+                target.read_u32(0x40)
+            failures.append(gone.value)
+
+        thread = threading.Thread(target=read)
+        start = time.monotonic()
+        thread.start()
+        calling.wait()
+        time.sleep(0.05)
+        # This thread gets to run while the other one waits on the agent.
+        ran = 0
+        while time.monotonic() < start + 0.3:
+            ran += 1
+        thread.join()
+        assert ran > 0
+        assert [failure.address for failure in failures] == [0x40]
+
+
+def test_warning_of_the_plugin_arrives_in_logging(kvx_target, caplog):
+    assert kvx_target.read_mem(0x1000, count=2, unit_size=8) == bytes(8)
+    (record,) = [r for r in caplog.records if r.name == "ta_kvx"]
+    assert record.levelname == "WARNING"
+    assert "more than 64 bits" in record.getMessage()
+
+
+def test_simulator_that_cannot_start_raises_with_its_stderr():
+    with pytest.raises(RuntimeError, match="--latency-us: at most 10 s"):
+        Simulator(latency_us=20_000_000)
+
+
+def test_daemon_threads_in_the_plugin_let_the_interpreter_exit():
+    # The daemon threads come back from their accesses while the interpreter shuts down, which
+    # SlowShutdown draws out so that all of them are out of the plug-in before the process exits
+    # and destroys its statics.
+    script = """
+import threading, time, ta_kvx
+simulator = ta_kvx.Simulator()
+target = ta_kvx.Target(simulator.host, simulator.port)
+def loop():
+    while True:
+        target.read_u32(0x10)
+class SlowShutdown:
+    def __del__(self):
+        time.sleep(0.1)
+keeper = SlowShutdown()
+for _ in range(3):
+    threading.Thread(target=loop, daemon=True).start()
+time.sleep(0.2)
+"""
+    finished = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60)
+    assert finished.returncode == 0, finished.stderr
