@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cstring>
 #include <locale>
+#include <new>
 #include <sstream>
 #include <utility>
 
@@ -29,9 +30,14 @@ constexpr int32_t kProcessType = 1;
 /// Lock order: sessionLock(), then a process's m_mutex. The EnumValueList mutex is never held
 /// with either. Guards m_sharedConnection, the agent session from a switch to the end of the
 /// access that follows it, and the replacement of ExtAddress::memorySpaceIds.
+///
+/// Never destroyed: a host thread may still be inside an access while the process exits, and a
+/// mutex destroyed under it would fail. It lives in the library's own storage, so an unload takes
+/// it along, and a reload starts with a new one.
 boost::mutex& sessionLock() {
-  static boost::mutex lock;
-  return lock;
+  alignas(boost::mutex) static unsigned char storage[sizeof(boost::mutex)];
+  static boost::mutex* const lock = new (storage) boost::mutex;
+  return *lock;
 }
 
 /// `path` without its directories; exceptions carry the bare file name.

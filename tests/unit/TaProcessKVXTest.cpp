@@ -117,13 +117,13 @@ TEST_F(TaProcessKVXTest, TheSessionSwitchesExactlyWhenTheEndpointDiffers) {
   auto sameAsA = process("A", 1, false);
   auto b = process("B", 1, false);
   auto otherPort = process("A", 2, false);
-  uint8_t byte = 0;
-  a->read_mem(at(0), 1, 1, &byte);
-  sameAsA->write_register("pc", 1, 8, &byte);
-  b->read_mem(at(0), 1, 1, &byte);
-  otherPort->read_mem(at(0), 1, 1, &byte);
+  uint64_t word = 0;
+  a->read_mem(at(0), 1, 1, &word);
+  sameAsA->write_register("pc", 1, 8, &word);
+  b->read_mem(at(0), 1, 1, &word);
+  otherPort->read_mem(at(0), 1, 1, &word);
   a.reset();
-  TaProcessKVX("A", 1).read_register("pc", 1, 8, &byte);
+  TaProcessKVX("A", 1).read_register("pc", 1, 8, &word);
 
   std::vector<std::pair<std::string, int32_t>> opened;
   size_t accesses = 0;
