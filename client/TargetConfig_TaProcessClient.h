@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "vorn/Visibility.h"
 #include "vorn/TaClient.h"
 #include "vorn/TaProcessInfo.h"
+#include "vorn/Visibility.h"
 
 namespace vorn {
 

@@ -171,7 +171,7 @@ Action buildUnreserveAll(const Arguments& /*arguments*/) {
 
 }  // namespace
 
-std::vector<CommandSpec> accessCommands() {
+std::vector<CommandDefinition> accessCommands() {
   return {
       {"read",
        "ADDR [SIZE]",

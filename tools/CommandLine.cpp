@@ -19,12 +19,12 @@ constexpr uint64_t kMaxTimeoutMs = 3600ull * 1000;
 /// The option's name in `token`: up to an '=' that gives its value.
 std::string optionName(const std::string& token) { return token.substr(0, token.find('=')); }
 
-/// Whether `spec` has an option called `name` ("--out", "-h").
-bool commandTakes(const CommandSpec* spec, const std::string& name) {
+/// Whether `definition` has an option called `name` ("--out", "-h").
+bool commandTakes(const CommandDefinition* definition, const std::string& name) {
   if (name == "-h" || name == "--help") return true;
-  return spec != nullptr && std::any_of(spec->flags.begin(), spec->flags.end(), [&](const Flag& flag) {
-           return name == std::string("--") + flag.name;
-         });
+  return definition != nullptr &&
+         std::any_of(definition->flags.begin(), definition->flags.end(),
+                     [&](const Flag& flag) { return name == std::string("--") + flag.name; });
 }
 
 }  // namespace
@@ -65,7 +65,7 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   po::options_description known = options();
   known.add_options()("worker", "");
   Invocation invocation;
-  const CommandSpec* spec = nullptr;
+  const CommandDefinition* definition = nullptr;
   // The command's name is the first word that is neither an option nor an option's value.
   std::vector<std::string> global;
   for (int i = 1; i < argc; ++i) {
@@ -74,10 +74,10 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
     const bool option = token.size() > 1 && token[0] == '-';
     if (!option && invocation.command.empty()) {
       invocation.command = token;
-      spec = Commands::find(token);
+      definition = Commands::find(token);
       continue;
     }
-    if (!option || (!invocation.command.empty() && commandTakes(spec, name))) {
+    if (!option || (!invocation.command.empty() && commandTakes(definition, name))) {
       invocation.arguments.push_back(token);
       continue;
     }

@@ -18,9 +18,9 @@ namespace {
 Action buildHelp(const Arguments& arguments) {
   if (!arguments.has("COMMAND")) return [](Session&) { Help::program(std::cout); };
   const std::string name = arguments.value("COMMAND");
-  const CommandSpec* spec = Commands::find(name);
-  if (spec == nullptr) throw UsageError(Help::unknownCommand(name));
-  return [spec](Session&) { Help::command(*spec, std::cout); };
+  const CommandDefinition* definition = Commands::find(name);
+  if (definition == nullptr) throw UsageError(Help::unknownCommand(name));
+  return [definition](Session&) { Help::command(*definition, std::cout); };
 }
 
 Action buildScript(const Arguments& arguments) {
@@ -37,12 +37,12 @@ Action buildDemo(const Arguments& /*arguments*/) {
   };
 }
 
-const std::vector<CommandSpec>& commandTable() {
-  static const std::vector<CommandSpec> table = [] {
-    std::vector<CommandSpec> all = accessCommands();
-    for (CommandSpec& spec : transferCommands()) all.push_back(spec);
-    for (CommandSpec& spec : imageCommands()) all.push_back(spec);
-    std::vector<CommandSpec> own{
+const std::vector<CommandDefinition>& commandTable() {
+  static const std::vector<CommandDefinition> table = [] {
+    std::vector<CommandDefinition> all = accessCommands();
+    for (CommandDefinition& definition : transferCommands()) all.push_back(definition);
+    for (CommandDefinition& definition : imageCommands()) all.push_back(definition);
+    std::vector<CommandDefinition> own{
         {"script",
          "[FILE]",
          "run commands from FILE (or stdin), one a line, in one session",
@@ -84,26 +84,27 @@ const std::vector<CommandSpec>& commandTable() {
 }  // namespace
 
 Action Commands::parse(const std::string& name, const std::vector<std::string>& arguments, Context context) {
-  const CommandSpec* info = find(name);
+  const CommandDefinition* info = find(name);
   if (info == nullptr) throw UsageError(Help::unknownCommand(name));
   if (context == Context::kScript && !info->scriptable) {
     throw UsageError("'" + name + "' cannot run inside a script");
   }
   if (std::any_of(arguments.begin(), arguments.end(),
                   [](const std::string& word) { return word == "--help" || word == "-h"; })) {
-    const CommandSpec& spec = *info;
-    return [&spec](Session&) { Help::command(spec, std::cout); };
+    const CommandDefinition& definition = *info;
+    return [&definition](Session&) { Help::command(definition, std::cout); };
   }
   return info->build(info->parse(arguments));
 }
 
-const std::vector<CommandSpec>& Commands::table() { return commandTable(); }
+const std::vector<CommandDefinition>& Commands::table() { return commandTable(); }
 
-const CommandSpec* Commands::find(const std::string& name) {
+const CommandDefinition* Commands::find(const std::string& name) {
   const auto& table = commandTable();
-  const auto spec = std::find_if(table.begin(), table.end(),
-                                 [&name](const CommandSpec& candidate) { return name == candidate.name; });
-  return spec == table.end() ? nullptr : &*spec;
+  const auto definition =
+      std::find_if(table.begin(), table.end(),
+                   [&name](const CommandDefinition& candidate) { return name == candidate.name; });
+  return definition == table.end() ? nullptr : &*definition;
 }
 
 }  // namespace kvx::cli

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/CommandSpec.h"
+#include "tools/CommandDefinition.h"
 
 namespace kvx::cli {
 
@@ -20,19 +20,19 @@ class Commands {
   static Action parse(const std::string& name, const std::vector<std::string>& arguments, Context context);
 
   /// The command called `name`, or null.
-  static const CommandSpec* find(const std::string& name);
+  static const CommandDefinition* find(const std::string& name);
 
   /// Every command, in the order help lists them.
-  static const std::vector<CommandSpec>& table();
+  static const std::vector<CommandDefinition>& table();
 };
 
 // The families of commands, each in a file of its own, in the order help lists them.
 /// read, write, wait, reg, regs, reserve, unreserve, unreserve-all: single accesses and
 /// reservations.
-std::vector<CommandSpec> accessCommands();
+std::vector<CommandDefinition> accessCommands();
 /// dump, fill, crc32: ranges of any length, moved in accesses of at most 8 bytes.
-std::vector<CommandSpec> transferCommands();
+std::vector<CommandDefinition> transferCommands();
 /// load, verify: image files (raw, Intel HEX, S-record, ELF) to and against target memory.
-std::vector<CommandSpec> imageCommands();
+std::vector<CommandDefinition> imageCommands();
 
 }  // namespace kvx::cli

@@ -4,8 +4,8 @@
 #include <ostream>
 #include <vector>
 
+#include "tools/CommandDefinition.h"
 #include "tools/CommandLine.h"
-#include "tools/CommandSpec.h"
 #include "tools/Commands.h"
 
 namespace kvx::cli {
@@ -34,13 +34,13 @@ size_t editDistance(const std::string& a, const std::string& b) {
 
 std::string Help::unknownCommand(const std::string& name) {
   // Two slips at most, and fewer than the name has letters: "rd" is no typing error of "read".
-  const CommandSpec* nearest = nullptr;
+  const CommandDefinition* nearest = nullptr;
   size_t best = 3;
-  for (const CommandSpec& spec : Commands::table()) {
-    const size_t distance = editDistance(name, spec.name);
+  for (const CommandDefinition& definition : Commands::table()) {
+    const size_t distance = editDistance(name, definition.name);
     if (distance < best && distance < name.size()) {
       best = distance;
-      nearest = &spec;
+      nearest = &definition;
     }
   }
   return "unknown command '" + name + "'" +
@@ -58,10 +58,10 @@ void Help::program(std::ostream& out) {
          "or after the command.\n"
          "\n"
          "Commands:\n";
-  for (const CommandSpec& spec : Commands::table()) {
-    std::string synopsis = std::string(spec.name) + " " + spec.synopsis;
+  for (const CommandDefinition& definition : Commands::table()) {
+    std::string synopsis = std::string(definition.name) + " " + definition.synopsis;
     synopsis.resize(std::max(synopsis.size() + 1, kSynopsisColumn), ' ');
-    out << "  " << synopsis << spec.summary << '\n';
+    out << "  " << synopsis << definition.summary << '\n';
   }
   out << "\n"
       << CommandLine::options() << "\n"
@@ -70,8 +70,10 @@ void Help::program(std::ostream& out) {
          "Exit status: 0 done, 1 failed on the target, its connection or the output, 2 usage error.\n";
 }
 
-void Help::command(const CommandSpec& spec, std::ostream& out) {
-  out << "Usage: " << spec.usage() << "\n\n" << spec.description << "\n\n" << spec.options();
+void Help::command(const CommandDefinition& definition, std::ostream& out) {
+  out << "Usage: " << definition.usage() << "\n\n"
+      << definition.description << "\n\n"
+      << definition.options();
 }
 
 }  // namespace kvx::cli

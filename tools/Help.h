@@ -7,12 +7,12 @@
 
 namespace kvx::cli {
 
-struct CommandSpec;
+struct CommandDefinition;
 
 class Help {
  public:
   static void program(std::ostream& out);
-  static void command(const CommandSpec& spec, std::ostream& out);
+  static void command(const CommandDefinition& definition, std::ostream& out);
   /// The message for a command that does not exist, suggesting the nearest one that does.
   static std::string unknownCommand(const std::string& name);
 };

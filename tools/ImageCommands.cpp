@@ -201,7 +201,7 @@ const Flag kPartFlag{"part", "FIRST:LAST", nullptr};
 
 }  // namespace
 
-std::vector<CommandSpec> imageCommands() {
+std::vector<CommandDefinition> imageCommands() {
   static const std::string loadDescription =
       std::string("Writes the image in FILE to target memory, in accesses of at most 8 bytes.\n") + kFormats +
       "With --verify, reads the bytes back afterwards, reading FILE again, and reports the first\n"

@@ -15,7 +15,9 @@ namespace {
 
 const char* const kPrefix = "kvx-ta: ";
 
-[[noreturn]] void cannotWrite(int error) { throw Failure("cannot write to standard output", std::strerror(error)); }
+[[noreturn]] void cannotWrite(int error) {
+  throw Failure("cannot write to standard output", std::strerror(error));
+}
 
 }  // namespace
 

@@ -188,7 +188,7 @@ Action buildCrc32(const Arguments& arguments) {
 
 }  // namespace
 
-std::vector<CommandSpec> transferCommands() {
+std::vector<CommandDefinition> transferCommands() {
   return {
       {"dump",
        "ADDR LENGTH [--out FILE]",

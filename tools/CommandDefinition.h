@@ -38,7 +38,7 @@ class Arguments {
   boost::program_options::variables_map m_values;
 };
 
-struct CommandSpec {
+struct CommandDefinition {
   const char* name;
   /// The arguments as the synopsis shows them.
   const char* synopsis;

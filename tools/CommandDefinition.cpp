@@ -1,4 +1,4 @@
-#include "tools/CommandSpec.h"
+#include "tools/CommandDefinition.h"
 
 #include <boost/program_options/errors.hpp>
 #include <boost/program_options/parsers.hpp>
@@ -19,11 +19,11 @@ constexpr int kCommandStyle = po::command_line_style::allow_long |
 
 }  // namespace
 
-std::string CommandSpec::usage() const {
+std::string CommandDefinition::usage() const {
   return std::string("kvx-ta ") + name + (*synopsis != '\0' ? " " : "") + synopsis;
 }
 
-po::options_description CommandSpec::options(bool hidden) const {
+po::options_description CommandDefinition::options(bool hidden) const {
   po::options_description result("Options");
   result.add_options()("help", "describe this command");
   for (const Flag& flag : flags) {
@@ -38,7 +38,7 @@ po::options_description CommandSpec::options(bool hidden) const {
   return result;
 }
 
-Arguments CommandSpec::parse(const std::vector<std::string>& words) const {
+Arguments CommandDefinition::parse(const std::vector<std::string>& words) const {
   po::options_description all;
   all.add(options(true));
   po::positional_options_description positional;
