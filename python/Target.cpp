@@ -10,6 +10,7 @@
 #include <boost/pointer_cast.hpp>
 
 #include "agent/TaProcessKVX.h"
+#include "common/Accesses.h"
 #include "common/Endpoint.h"
 #include "manager/TaProcessManager.h"
 #include "python/TargetError.h"
@@ -24,8 +25,7 @@ const char* const kProcessName = "ta_kvx";
 const char* const kAccessMethod = "KVX";
 /// What accesses name should the process announce no memory space; it normally announces one.
 const char* const kFallbackMemorySpace = "logger";
-/// The most bytes the agent moves in one access.
-constexpr uint64_t kMaxAccessBytes = 8;
+using common::kMaxAccessBytes;
 
 /// Held shared by every access and alone by every reservation operation, of all targets: see
 /// Target.h. Taken before the plug-in's locks, never while waiting for the interpreter's. Never
@@ -33,12 +33,6 @@ constexpr uint64_t kMaxAccessBytes = 8;
 std::shared_mutex& reservationLock() {
   static auto* lock = new std::shared_mutex;
   return *lock;
-}
-
-/// The bytes of the access that starts at `address`: up to the next 8-byte boundary, so that
-/// every access after the first is aligned.
-uint64_t chunkAt(uint64_t address, uint64_t remaining) {
-  return std::min(kMaxAccessBytes - address % kMaxAccessBytes, remaining);
 }
 
 /// Runs `access`, a call of the process, turning the plug-in's exception into a TargetError that
@@ -49,6 +43,18 @@ void guarded(Access access, std::optional<uint64_t> address, std::optional<std::
     access();
   } catch (const vorn::Exception& failure) {
     throw TargetError(failure.getMessage(), address, std::move(registerName));
+  }
+}
+
+/// Calls `access(address, offset, size)` for each access of the `length` bytes from `address`, in
+/// address order, `offset` bytes into the range; a failure names the access's address.
+template <typename Access>
+void eachAccess(uint64_t address, uint64_t length, Access access) {
+  for (uint64_t done = 0; done < length;) {
+    const uint64_t at = address + done;
+    const unsigned size = common::accessSizeAt(at, length - done);
+    guarded([&] { access(at, done, size); }, at, std::nullopt);
+    done += size;
   }
 }
 
@@ -70,30 +76,16 @@ Target::~Target() = default;
 
 void Target::read(uint64_t address, uint8_t* bytes, uint64_t length) {
   std::shared_lock<std::shared_mutex> shared(reservationLock());
-  for (uint64_t done = 0; done < length;) {
-    const uint64_t at = address + done;
-    const uint64_t size = chunkAt(at, length - done);
-    guarded(
-        [&] {
-          m_process->read_mem(vorn::ExtAddress{m_memorySpace, at}, 1, unsigned(size), bytes + done);
-        },
-        at, std::nullopt);
-    done += size;
-  }
+  eachAccess(address, length, [&](uint64_t at, uint64_t offset, unsigned size) {
+    m_process->read_mem(vorn::ExtAddress{m_memorySpace, at}, 1, size, bytes + offset);
+  });
 }
 
 void Target::write(uint64_t address, const uint8_t* bytes, uint64_t length) {
   std::shared_lock<std::shared_mutex> shared(reservationLock());
-  for (uint64_t done = 0; done < length;) {
-    const uint64_t at = address + done;
-    const uint64_t size = chunkAt(at, length - done);
-    guarded(
-        [&] {
-          m_process->write_mem(vorn::ExtAddress{m_memorySpace, at}, 1, unsigned(size), bytes + done);
-        },
-        at, std::nullopt);
-    done += size;
-  }
+  eachAccess(address, length, [&](uint64_t at, uint64_t offset, unsigned size) {
+    m_process->write_mem(vorn::ExtAddress{m_memorySpace, at}, 1, size, bytes + offset);
+  });
 }
 
 uint64_t Target::readUnsigned(uint64_t address, unsigned size) {

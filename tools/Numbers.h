@@ -6,11 +6,11 @@
 #include <cstdint>
 #include <string>
 
+#include "common/Accesses.h"
+
 namespace kvx::cli {
 
-/// The most bytes one access moves, and the widest register; every bulk transfer is cut into
-/// accesses of this size.
-constexpr unsigned kMaxAccessBytes = 8;
+using common::kMaxAccessBytes;
 
 /// `text` as decimal digits or as 0x (or 0X) and hex digits, nothing else: no sign, no blanks, no
 /// suffix. False when it is anything else or does not fit in 64 bits.

@@ -1,5 +1,7 @@
 #include "tools/Transfer.h"
 
+#include "common/Accesses.h"
+
 #include "tools/Interrupt.h"
 #include "tools/Numbers.h"
 #include "tools/Progress.h"
@@ -9,19 +11,12 @@
 namespace kvx::cli {
 namespace {
 
-/// The size of the access at `address` with `remaining` bytes to go: up to the next 8-byte
-/// boundary, so that every access after the first is aligned.
-unsigned chunkAt(uint64_t address, uint64_t remaining) {
-  const uint64_t toBoundary = kMaxAccessBytes - address % kMaxAccessBytes;
-  return static_cast<unsigned>(remaining < toBoundary ? remaining : toBoundary);
-}
-
 /// Calls `access(offset, size)` for each access of the range, in address order.
 template <typename Access>
 void eachAccess(uint64_t address, uint64_t length, Progress& progress, Access access) {
   for (uint64_t done = 0; done < length;) {
     Interrupt::check();
-    const unsigned size = chunkAt(address + done, length - done);
+    const unsigned size = common::accessSizeAt(address + done, length - done);
     if (!access(done, size)) return;
     done += size;
     progress.advance(size);
