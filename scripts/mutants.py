@@ -73,7 +73,7 @@ FAULTS = [
     # ---- The agent library and the wire format ----
     ("agent", "platform/agent/AgentSession.cpp", "reply.id != request.id ||", "",
      "a reply to another request is accepted"),
-    ("agent", "platform/agent/AgentSession.cpp", "  if (status != Status::kOk) close();\n", "",
+    ("agent", "platform/agent/AgentSession.cpp", "if (status != Status::kOk && m_fd >= 0) {", "if (false) {",
      "a refused handshake leaves the connection open"),
     ("agent", "platform/agent/AgentSession.cpp", "if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {\n      m_fd = fd;",
      "if (true) {\n      m_fd = fd;", "a parked connection is used again without a check that it is alive"),
@@ -112,6 +112,12 @@ FAULTS = [
     ("cli", "tools/main.cpp", "constexpr int kUsage = 2;", "constexpr int kUsage = 1;", "usage errors exit 1"),
     ("cli", "tools/HexDump.cpp", "c >= 0x20 && c < 0x7f", "c >= 0x20 && c <= 0x7f", "DEL is printed in the ASCII column"),
     ("cli", "tools/Transfer.cpp", "if (expected[i] != found[i]) {", "if (false) {", "verify finds no mismatch"),
+    ("cli", "tools/TransferCommands.cpp", "static_cast<z_off_t>(parts[index].length)", "static_cast<z_off_t>(length)",
+     "the workers' CRCs are joined with the whole range's length"),
+    ("cli", "tools/TransferCommands.cpp", "pattern[(part.address - address + i) % width]", "pattern[i % width]",
+     "each worker starts the fill pattern afresh"),
+    ("cli", "tools/OutputFile.cpp", "    ::close(m_fd);\n    ::unlink(m_temporary.c_str());\n  }\n}",
+     "    ::close(m_fd);\n  }\n}", "an abandoned output file stays behind"),
 ]
 
 

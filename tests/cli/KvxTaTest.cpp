@@ -4,6 +4,7 @@
 
 #include <stdlib.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include "common/WireConnection.h"
 #include "platform/protocol/AgentProtocol.h"
@@ -70,6 +72,12 @@ TEST_F(KvxTaTest, EachCommandFamilyRoundTripsThroughServer) {
   std::string image = "Hello, target!\x7f\x01\xff";
   for (int i = 0; i < 100; ++i) image += static_cast<char>(i * 37);
   const std::string back = m_dir + "back.bin";
+  char crc[16];
+  std::snprintf(crc, sizeof crc, "0x%08lx\n",
+                ::crc32(0, reinterpret_cast<const Bytef*>(image.data()), static_cast<uInt>(image.size())));
+  std::string filled;
+  while (filled.size() < 100) filled += "\x33\x22\x11";
+  filled.resize(100);
   // One kvx-ta run each, in this order, and its stdout.
   const std::pair<std::string, std::string> runs[] = {
       {"write 0x2000 0x1122334455667788 8", ""},
@@ -83,6 +91,11 @@ TEST_F(KvxTaTest, EachCommandFamilyRoundTripsThroughServer) {
       {"--jobs 3 load " + file("image.bin", image) + " 0x10003 --verify", ""},
       {"dump 0x10003 " + std::to_string(image.size()) + " --out " + back, ""},
       {"--jobs 3 dump 0x10003 " + std::to_string(image.size()) + " --out " + back + "3", ""},
+      {"crc32 0x10003 " + std::to_string(image.size()), crc},
+      {"--jobs 3 crc32 0x10003 " + std::to_string(image.size()), crc},
+      // Each worker's part continues the pattern where the part before it left off.
+      {"--jobs 3 fill 0x20001 100 0x112233", ""},
+      {"dump 0x20001 100 --out " + back + "fill", ""},
       {"dump 0x10003 20",
        "00010003:  48 65 6c 6c 6f 2c 20 74  61 72 67 65 74 21 7f 01  |Hello, target!..|\n"
        "00010013:  ff 00 25 4a                                       |..%J|\n"},
@@ -98,6 +111,7 @@ TEST_F(KvxTaTest, EachCommandFamilyRoundTripsThroughServer) {
   }
   EXPECT_TRUE(contentOf(back) == image && contentOf(back + "3") == image)
       << "a dumped file differs from the loaded one";
+  EXPECT_EQ(contentOf(back + "fill"), filled);
   const ProgramResult reserved = kvxTa("reserve 256", &sim);
   EXPECT_TRUE(reserved.exitCode == 0 && kvxTa("unreserve " + reserved.out, &sim).exitCode == 0) << reserved;
 
@@ -241,6 +255,17 @@ TEST_F(KvxTaTest, OutputsNeverLie) {
   for (const char* jobs : {"1", "2"}) {
     EXPECT_EQ(kvxTa("--jobs " + std::string(jobs) + " dump 0 4096 --out " + out, &sim).exitCode, kFailure)
         << jobs;
+    EXPECT_EQ(contentOf(out), "old");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_dir), {}), 1);
+  }
+  // So does one stopped by Ctrl-C, whose failure says so.
+  SimProcess slow({"--quiet", "--latency-us", "200"});
+  for (const char* jobs : {"1", "2"}) {
+    const ProgramResult stopped =
+        runProgram({"/usr/bin/timeout", "--preserve-status", "-s", "INT", "0.5", KVX_TA_PATH, "--server",
+                    slow.endpoint().text(), "--jobs", jobs, "dump", "0", "0x100000", "--out", out});
+    EXPECT_TRUE(stopped.exitCode == kFailure && stopped.err.find("interrupted (Ctrl-C)") != std::string::npos)
+        << stopped;
     EXPECT_EQ(contentOf(out), "old");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_dir), {}), 1);
   }
