@@ -118,6 +118,8 @@ FAULTS = [
      "each worker starts the fill pattern afresh"),
     ("cli", "tools/OutputFile.cpp", "    ::close(m_fd);\n    ::unlink(m_temporary.c_str());\n  }\n}",
      "    ::close(m_fd);\n  }\n}", "an abandoned output file stays behind"),
+    ("cli", "tools/Workers.cpp", "m_progress.advance(line[\"done\"].get<uint64_t>());", "(void)line;",
+     "the workers' progress is not counted"),
 ]
 
 

@@ -112,6 +112,9 @@ TEST_F(KvxTaTest, EachCommandFamilyRoundTripsThroughServer) {
   EXPECT_TRUE(contentOf(back) == image && contentOf(back + "3") == image)
       << "a dumped file differs from the loaded one";
   EXPECT_EQ(contentOf(back + "fill"), filled);
+  // What the workers report of their progress adds up to the whole range.
+  const ProgramResult summed = kvxTa("--jobs 3 crc32 0 0x10000", &sim);
+  EXPECT_NE(summed.err.find("kvx-ta: 65536 bytes in "), std::string::npos) << summed;
   const ProgramResult reserved = kvxTa("reserve 256", &sim);
   EXPECT_TRUE(reserved.exitCode == 0 && kvxTa("unreserve " + reserved.out, &sim).exitCode == 0) << reserved;
 
