@@ -12,6 +12,8 @@
 #include <new>
 #include <utility>
 
+#include "common/Deadline.h"
+
 namespace kvx::common {
 
 /// One name lookup handed to libc's resolver threads. Everything the resolver reads or writes
@@ -28,12 +30,6 @@ struct NameLookup {
 namespace {
 
 using Clock = Dialer::Clock;
-
-/// The time left until `deadline`, rounded up, so that a poll for it never ends early.
-int remainingMs(Clock::time_point deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  return left <= 0 ? 0 : left >= INT_MAX ? INT_MAX : static_cast<int>(left);
-}
 
 /// Frees `lookup` and its result once no resolver thread refers to it any more; until then keeps
 /// it on `abandoned`.

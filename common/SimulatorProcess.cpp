@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "common/Programs.h"
+
 namespace kvx::common {
 namespace {
 
@@ -190,12 +192,6 @@ bool SimulatorProcess::restart(std::vector<std::string> options) {
   return false;
 }
 
-std::string SimulatorProcess::besideThisProgram() {
-  char path[4096];
-  const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-  if (length <= 0) throw systemFailure("cannot find the directory of the running program");
-  const std::string self(path, static_cast<size_t>(length));
-  return self.substr(0, self.rfind('/') + 1) + "kvx-agent-sim";
-}
+std::string SimulatorProcess::besideThisProgram() { return common::besideThisProgram("kvx-agent-sim"); }
 
 }  // namespace kvx::common

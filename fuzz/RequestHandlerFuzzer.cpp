@@ -46,7 +46,7 @@ class Model {
         if (widthOf(request.name) == 0) {
           FUZZ_CHECK(reply.status == ReplyStatus::kUnknownRegister);
         } else if (widthOf(request.name) < 8 && request.value >> (8 * widthOf(request.name)) != 0) {
-          FUZZ_CHECK(reply.status == ReplyStatus::kInvalidArgument);
+          FUZZ_CHECK(reply.status == ReplyStatus::kValueTooWide);
         } else {
           FUZZ_CHECK(reply.status == ReplyStatus::kOk);
           m_registers[request.name] = request.value;

@@ -137,10 +137,7 @@ void Connection::delayReply(size_t length) {
 
 bool Connection::awaitNextRequest() {
   if (!m_options.spin || !m_inBurst) return false;
-  if (m_spinSkip > 0) {
-    --m_spinSkip;
-    return false;
-  }
+  if (!m_spin.shouldPoll()) return false;
   const Clock::time_point end = m_lastReply + kBurstGap;
   do {
     boost::system::error_code error;
@@ -149,14 +146,13 @@ bool Connection::awaitNextRequest() {
     // Anything but "nothing yet", an end of stream included, is for the event loop to handle.
     if (error != boost::asio::error::would_block) {
       m_used += got;
-      m_spinBackoff = 0;
+      m_spin.paidOff();
       return got > 0 && !error;
     }
     // A client on this CPU gets it at once, instead of when the server is preempted.
     ::sched_yield();
   } while (Clock::now() < end);
-  m_spinBackoff = static_cast<uint16_t>(std::min<unsigned>(2u * m_spinBackoff + 1, kMaxSpinSkip));
-  m_spinSkip = m_spinBackoff;
+  m_spin.cameUpEmpty();
   return false;
 }
 

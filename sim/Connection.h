@@ -4,10 +4,10 @@
 // A client that is in a burst (its request came back within kBurstGap of the last reply) is
 // polled for its next request for up to kBurstGap after each reply, before the server goes back to
 // waiting in the event loop: waking a server that sleeps on another CPU costs more than the whole
-// exchange. A poll that ends empty-handed makes the next replies skip polling, twice as many each
-// time up to kMaxSpinSkip, so a client that talks to other agents in between (a host switching
-// sessions) soon costs nothing. The polling costs at most kBurstGap of CPU per reply and happens
-// only in a burst, so an idle client costs nothing; other clients wait that long at most.
+// exchange. A poll that ends empty-handed makes the next replies skip polling (common::SpinBackoff),
+// so a client that talks to other agents in between (a host switching sessions) soon costs nothing. The
+// polling costs at most kBurstGap of CPU per reply and happens only in a burst, so an idle client costs
+// nothing; other clients wait that long at most.
 // --no-spin turns it off. Kept alive by
 // its pending asynchronous operations (shared_from_this); it closes its socket when the last one finishes.
 #pragma once
@@ -22,6 +22,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "common/SpinBackoff.h"
 #include "platform/protocol/AgentProtocol.h"
 #include "sim/Log.h"
 #include "sim/SimOptions.h"
@@ -83,9 +84,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   boost::asio::steady_timer m_delay;
   Clock::time_point m_lastReply;  ///< when the last reply went out
   bool m_inBurst = false;         ///< the last request came within kBurstGap of the reply before
-  static constexpr uint16_t kMaxSpinSkip = 255;
-  uint16_t m_spinSkip = 0;     ///< replies left that skip polling
-  uint16_t m_spinBackoff = 0;  ///< how many the next empty-handed poll makes skip
+  common::SpinBackoff m_spin;     ///< whether the next reply is followed by polling
 };
 
 }  // namespace kvx::sim

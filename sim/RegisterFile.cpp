@@ -30,7 +30,7 @@ protocol::ReplyStatus RegisterFile::write(const char* name, uint64_t value) {
   const int index = indexOf(name);
   if (index < 0) return protocol::ReplyStatus::kUnknownRegister;
   const unsigned bits = 8u * widthOf(index);
-  if (bits < 64 && (value >> bits) != 0) return protocol::ReplyStatus::kInvalidArgument;
+  if (bits < 64 && (value >> bits) != 0) return protocol::ReplyStatus::kValueTooWide;
   m_values[static_cast<size_t>(index)] = value;
   return protocol::ReplyStatus::kOk;
 }

@@ -14,7 +14,7 @@ class RegisterFile {
   /// False when no register has that name; otherwise `value` and `width`, in bytes, are the
   /// register's.
   bool read(const char* name, uint64_t& value, uint8_t& width) const;
-  /// kUnknownRegister when no register has that name, kInvalidArgument when `value` has a bit set
+  /// kUnknownRegister when no register has that name, kValueTooWide when `value` has a bit set
   /// above the register's width; the register is then unchanged.
   protocol::ReplyStatus write(const char* name, uint64_t value);
 

@@ -4,6 +4,7 @@
 
 #include <boost/program_options.hpp>
 
+#include "common/AgentTimeout.h"
 #include "tools/Commands.h"
 #include "tools/Numbers.h"
 #include "tools/UsageError.h"
@@ -12,9 +13,6 @@ namespace po = boost::program_options;
 
 namespace kvx::cli {
 namespace {
-
-/// The longest deadline --timeout takes: an hour, as the agent library does.
-constexpr uint64_t kMaxTimeoutMs = 3600ull * 1000;
 
 /// The option's name in `token`: up to an '=' that gives its value.
 std::string optionName(const std::string& token) { return token.substr(0, token.find('=')); }
@@ -129,8 +127,9 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   }
   if (values.count("timeout") != 0) {
     const uint64_t timeout = parseNumber(values["timeout"].as<std::string>(), "timeout");
-    if (timeout == 0 || timeout > kMaxTimeoutMs) {
-      throw UsageError("invalid timeout '" + values["timeout"].as<std::string>() + "' (1 to 3600000 ms)");
+    if (timeout == 0 || timeout > common::kMaxAgentTimeoutMs) {
+      throw UsageError("invalid timeout '" + values["timeout"].as<std::string>() + "' (1 to " +
+                       std::to_string(common::kMaxAgentTimeoutMs) + " ms)");
     }
     invocation.timeoutMs = static_cast<unsigned>(timeout);
   }

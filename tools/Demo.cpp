@@ -15,9 +15,9 @@
 
 #include "agent/TaProcessKVX.h"
 #include "client/TargetConfig_TaProcessClient.h"
+#include "common/LogRecorder.h"
 #include "common/SimulatorProcess.h"
 #include "manager/TaProcessManager.h"
-#include "tools/LogRecorder.h"
 #include "tools/Numbers.h"
 #include "tools/Target.h"
 #include "vorn/ConfigBlock.h"
@@ -211,7 +211,7 @@ void Demo::oversizedAccess() {
   std::memset(buffer, 0xee, sizeof buffer);
   std::vector<std::string> logged;
   {
-    LogRecorder recorder(kPluginLogger, kCapturePattern);
+    common::LogRecorder recorder(kPluginLogger, kCapturePattern);
     m_processA->read_mem(processAddress(kScratch), 2, kMaxAccessBytes, buffer);
     logged = recorder.lines();
   }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 
+#include "common/AgentTimeout.h"
 #include "common/WireConnection.h"
 #include "platform/protocol/AgentProtocol.h"
 #include "tools/Numbers.h"
@@ -12,9 +13,6 @@ namespace kvx::cli {
 namespace {
 
 namespace protocol = kvx::protocol;
-
-constexpr unsigned kDefaultTimeoutMs = 5000;
-constexpr unsigned kMaxTimeoutMs = 3600 * 1000;
 
 /// What a refusal means in the user's terms, for the statuses that need no further question.
 std::string meaning(protocol::ReplyStatus status) {
@@ -34,15 +32,7 @@ std::string meaning(protocol::ReplyStatus status) {
 
 Diagnosis::Diagnosis(common::Endpoint endpoint) : m_endpoint(std::move(endpoint)) {}
 
-unsigned Diagnosis::timeoutMs() {
-  // The agent library's own rule: unset, empty, not a number or out of range means the default.
-  const char* text = std::getenv("TA_AGENT_TIMEOUT_MS");
-  char* end = nullptr;
-  const unsigned long value = text != nullptr && *text != '\0' ? std::strtoul(text, &end, 10) : 0;
-  return text != nullptr && *text != '\0' && *end == '\0' && value > 0 && value <= kMaxTimeoutMs
-             ? static_cast<unsigned>(value)
-             : kDefaultTimeoutMs;
-}
+unsigned Diagnosis::timeoutMs() { return common::agentTimeoutMs(); }
 
 std::unique_ptr<common::WireConnection> Diagnosis::open(std::string& why) {
   const unsigned timeout = timeoutMs();

@@ -13,6 +13,7 @@
 #include <boost/process/extend.hpp>
 #include <nlohmann/json.hpp>
 
+#include "common/Programs.h"
 #include "tools/Failure.h"
 #include "tools/Interrupt.h"
 #include "tools/Numbers.h"
@@ -27,13 +28,6 @@ namespace {
 /// How often the event loop looks up from the pipes for a Ctrl-C.
 constexpr std::chrono::milliseconds kInterruptCheck(100);
 
-/// The kvx-ta that is running, which the workers are.
-std::string self() {
-  char path[4096];
-  const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
-  return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string("kvx-ta");
-}
-
 /// One worker process: reads its stdout into the sink and its stderr for progress and failure.
 class Worker {
  public:
@@ -42,7 +36,7 @@ class Worker {
 
   void start(boost::asio::io_context& io, const std::vector<std::string>& arguments) {
     // Workers do not outlive kvx-ta, even one killed outright.
-    m_child = bp::child(self(), bp::args(arguments), bp::std_out > m_out, bp::std_err > m_err,
+    m_child = bp::child(common::thisProgram(), bp::args(arguments), bp::std_out > m_out, bp::std_err > m_err,
                         bp::std_in < bp::null, io,
                         bp::extend::on_exec_setup([](auto&) { ::prctl(PR_SET_PDEATHSIG, SIGTERM); }));
     readOut();

@@ -4,6 +4,7 @@
 #include <exception>
 #include <iostream>
 
+#include "common/AgentTimeout.h"
 #include "common/SimulatorProcess.h"
 #include "tools/CommandLine.h"
 #include "tools/Commands.h"
@@ -38,7 +39,8 @@ void run(const Invocation& invocation, Output& output) {
   const Action action =
       Commands::parse(invocation.command, invocation.arguments, Commands::Context::kCommandLine);
   Logging::configure(invocation.logConfig);
-  if (invocation.timeoutMs) ::setenv("TA_AGENT_TIMEOUT_MS", std::to_string(*invocation.timeoutMs).c_str(), 1);
+  if (invocation.timeoutMs)
+    ::setenv(kvx::common::kAgentTimeoutVariable, std::to_string(*invocation.timeoutMs).c_str(), 1);
   Interrupt::install();
   Session session(invocation, output, kvx::common::SimulatorProcess::besideThisProgram());
   action(session);

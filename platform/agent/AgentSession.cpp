@@ -16,31 +16,40 @@
 #include <cstring>
 #include <utility>
 
+#include "common/AgentTimeout.h"
+#include "common/Deadline.h"
+
 namespace kvx::agent {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kDefaultTimeoutMs = 5000;
-/// An hour: anything longer in TA_AGENT_TIMEOUT_MS is taken for a typo and ignored.
-constexpr long kMaxTimeoutMs = 3600L * 1000;
-constexpr const char* kTimeoutVariable = "TA_AGENT_TIMEOUT_MS";
-
-int timeoutFromEnvironment() {
-  const char* text = std::getenv(kTimeoutVariable);
-  if (text == nullptr || *text == '\0') return kDefaultTimeoutMs;
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(text, &end, 10);
-  if (errno != 0 || *end != '\0' || value <= 0 || value > kMaxTimeoutMs) return kDefaultTimeoutMs;
-  return static_cast<int>(value);
-}
-
-/// The time left until `deadline`, rounded up, so that a poll for it never ends early.
-int remainingMs(Clock::time_point deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  return left <= 0 ? 0 : left >= INT_MAX ? INT_MAX : static_cast<int>(left);
+/// What a call returns for the agent's answer `status`.
+Status statusOf(protocol::ReplyStatus status) {
+  switch (status) {
+    case protocol::ReplyStatus::kOk:
+      return Status::kOk;
+    case protocol::ReplyStatus::kDenied:
+      return Status::kDenied;
+    case protocol::ReplyStatus::kOutOfMemory:
+      return Status::kOutOfMemory;
+    case protocol::ReplyStatus::kUnknownRegister:
+      return Status::kUnknownRegister;
+    case protocol::ReplyStatus::kInvalidArgument:
+      return Status::kArgumentRefused;
+    case protocol::ReplyStatus::kNoSpace:
+      return Status::kNoSpace;
+    case protocol::ReplyStatus::kNotReserved:
+      return Status::kNotReserved;
+    case protocol::ReplyStatus::kVersionMismatch:
+      return Status::kVersionMismatch;
+    case protocol::ReplyStatus::kSessionRefused:
+      return Status::kSessionRefused;
+    case protocol::ReplyStatus::kValueTooWide:
+      return Status::kValueTooWide;
+  }
+  return Status::kRefused;
 }
 
 /// Waits until `fd` is ready for `events` or `deadline` passes. An error or a hang-up counts as
@@ -48,7 +57,7 @@ int remainingMs(Clock::time_point deadline) {
 Status waitFor(int fd, short events, Clock::time_point deadline) {
   for (;;) {
     pollfd p{fd, events, 0};
-    const int ready = ::poll(&p, 1, remainingMs(deadline));
+    const int ready = ::poll(&p, 1, common::remainingMs(deadline));
     if (ready > 0) return Status::kOk;
     if (ready == 0 && Clock::now() >= deadline) return Status::kTimeout;
     if (ready < 0 && errno != EINTR) return Status::kConnectionLost;
@@ -75,7 +84,7 @@ Status AgentSession::open(const char* address, int32_t port) {
   if (address == nullptr || port < 1 || port > 65535 || std::strlen(address) >= kMaxAddress) {
     return Status::kInvalidArgument;
   }
-  const int timeoutMs = timeoutFromEnvironment();
+  const int timeoutMs = static_cast<int>(common::agentTimeoutMs());
   const Clock::time_point now = Clock::now();
   expire(now);
   std::strcpy(m_address, address);
@@ -101,11 +110,13 @@ Status AgentSession::open(const char* address, int32_t port) {
   protocol::Reply reply;
   Status status = exchange(hello, reply, deadline, false);
   // An agent of another version refuses ours or announces its own; either way its other replies
-  // could be misread.
-  if ((status == Status::kOk || status == Status::kRefused) &&
-      (reply.value != protocol::kProtocolVersion ||
-       reply.status == protocol::ReplyStatus::kVersionMismatch)) {
+  // could be misread. Any other refusal of the handshake refuses the session.
+  const bool answered = status == Status::kOk || reply.status != protocol::ReplyStatus::kOk;
+  if (answered && (reply.value != protocol::kProtocolVersion ||
+                   reply.status == protocol::ReplyStatus::kVersionMismatch)) {
     status = Status::kVersionMismatch;
+  } else if (answered && status != Status::kOk) {
+    status = Status::kSessionRefused;
   }
   // A failed handshake leaves no session, whatever the reason, and nothing to park.
   if (status != Status::kOk && m_fd >= 0) {
@@ -158,7 +169,18 @@ void AgentSession::sayGoodbye(int fd, uint32_t id) {
 
 Status AgentSession::connectTo(const char* address, int32_t port, Clock::time_point deadline) {
   const common::Dialer::Result dialed = m_dialer.dial(address, port, deadline);
-  if (dialed.fd < 0) return Status::kCannotConnect;
+  switch (dialed.error) {
+    case common::Dialer::Error::kNone:
+      break;
+    case common::Dialer::Error::kUnresolved:
+      return Status::kUnresolved;
+    case common::Dialer::Error::kRefused:
+      return Status::kConnectionRefused;
+    case common::Dialer::Error::kTimedOut:
+      return Status::kTimeout;
+    case common::Dialer::Error::kFailed:
+      return Status::kCannotConnect;
+  }
   if (!configureConnected(dialed.fd, m_timeoutMs)) {
     ::close(dialed.fd);
     return Status::kCannotConnect;
@@ -224,7 +246,7 @@ Status AgentSession::exchange(protocol::Request& request, protocol::Reply& reply
       reply.opcode != request.opcode) {
     return drop(Status::kMalformedReply);
   }
-  return reply.status == protocol::ReplyStatus::kOk ? Status::kOk : Status::kRefused;
+  return statusOf(reply.status);
 }
 
 Status AgentSession::sendFrame(const uint8_t* frame, size_t length, Clock::time_point deadline,
@@ -291,16 +313,13 @@ Status AgentSession::receiveFrame(size_t expected, Clock::time_point deadline, b
 }
 
 bool AgentSession::spinForReply(size_t& received) {
-  if (m_spinSkip > 0) {
-    --m_spinSkip;
-    return false;
-  }
+  if (!m_spin.shouldPoll()) return false;
   const Clock::time_point end = Clock::now() + kSpinLimit;
   do {
     const ssize_t n = ::recv(m_fd, m_receiveBuffer, sizeof m_receiveBuffer, MSG_DONTWAIT);
     if (n > 0) {
       received = static_cast<size_t>(n);
-      m_spinBackoff = 0;
+      m_spin.paidOff();
       return true;
     }
     // An end of stream or an error is the receive loop's to report.
@@ -309,8 +328,7 @@ bool AgentSession::spinForReply(size_t& received) {
     // to run here, the call returns at once.
     ::sched_yield();
   } while (Clock::now() < end);
-  m_spinBackoff = static_cast<uint16_t>(std::min<unsigned>(2u * m_spinBackoff + 1, kMaxSpinSkip));
-  m_spinSkip = m_spinBackoff;
+  m_spin.cameUpEmpty();
   return false;
 }
 

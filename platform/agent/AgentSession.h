@@ -20,6 +20,7 @@
 #include <cstdint>
 
 #include "common/Dialer.h"
+#include "common/SpinBackoff.h"
 #include "platform/agent/AgentStatus.h"
 #include "platform/protocol/AgentProtocol.h"
 
@@ -52,10 +53,10 @@ class AgentSession {
   Status checkConnection();
 
   /// Sends `request`, after giving it a fresh id, and waits for its reply, all within one
-  /// deadline set as the call begins. kOk when the agent answered with success, kRefused when it
-  /// answered with a refusal (`reply.status` says why). On a timeout, a lost connection or a
-  /// reply that does not match, the connection is dropped and that status returned; later calls
-  /// then fail fast with kConnectionLost.
+  /// deadline set as the call begins. kOk when the agent answered with success; when it answered
+  /// with a refusal, the status that names the refusal (kDenied, kNoSpace, ...). On a timeout, a lost
+  /// connection or a reply that does not match, the connection is dropped and that status returned; later
+  /// calls then fail fast with kConnectionLost.
   Status transact(protocol::Request& request, protocol::Reply& reply);
 
  private:
@@ -95,11 +96,9 @@ class AgentSession {
 
   /// How long a call polls for its reply before it sleeps. An agent on another CPU answers in
   /// less than this when it is not asleep itself, while waking a sleeping caller there costs tens
-  /// of microseconds. A poll that ends empty-handed makes the next calls skip polling, twice as
-  /// many each time up to kMaxSpinSkip, so a slow agent costs little CPU; waiting for a reply is
-  /// the only time the library polls, so an idle host costs none.
+  /// of microseconds. m_spin backs off from an agent that is slower than that, so it costs little
+  /// CPU; waiting for a reply is the only time the library polls, so an idle host costs none.
   static constexpr std::chrono::microseconds kSpinLimit{50};
-  static constexpr uint16_t kMaxSpinSkip = 255;
   /// Closes the socket after a failure and returns `status`; later calls see kConnectionLost.
   Status drop(Status status);
 
@@ -113,9 +112,8 @@ class AgentSession {
   uint32_t m_nextId = 1;
   /// The deadline of each call of the open session, in milliseconds.
   int m_timeoutMs = 0;
-  /// Calls left that skip polling, and how many the next empty-handed poll makes skip.
-  uint16_t m_spinSkip = 0;
-  uint16_t m_spinBackoff = 0;
+  /// Whether the next call polls for its reply.
+  common::SpinBackoff m_spin;
   /// Reaches the agent within the call's deadline, a resolver that hangs included.
   common::Dialer m_dialer;
   // Frames are built and received here, so a request allocates nothing.

@@ -1,5 +1,6 @@
-// The statuses that the functions of libtarget.agent.so return. Callers only test for zero; the
-// distinct negative values are there for whoever reads a log or a debugger trace.
+// The statuses that the functions of libtarget.agent.so return: 0 for success and a distinct
+// negative value for each cause of failure, so that a host that knows this library can say why
+// a call failed without asking the agent again. The plug-in itself only tests for zero.
 #pragma once
 
 #include <cstdint>
@@ -8,21 +9,24 @@ namespace kvx::agent {
 
 enum class Status : int32_t {
   kOk = 0,
-  /// No session is open: none was started, or destroy_session closed it.
+  /// No session is open: none was started, destroy_session closed it, or start_session failed.
   kNoSession = -1,
   /// The agent closed the connection or the socket failed. The session is closed; every call
   /// but start_session and destroy_session fails with this status until one of them is made.
   kConnectionLost = -2,
-  /// No reply came within the deadline (TA_AGENT_TIMEOUT_MS, 5000 ms by default). The reply
-  /// could still arrive later, so the session is closed as after a lost connection.
+  /// No answer came within the deadline (TA_AGENT_TIMEOUT_MS, 5000 ms by default): a reply, or
+  /// the connection or handshake of start_session. A late reply could still arrive, so the
+  /// session is closed as after a lost connection.
   kTimeout = -3,
-  /// The agent's reply could not be decoded or did not answer the request sent. The stream can
-  /// no longer be trusted, so the session is closed as after a lost connection.
+  /// The peer's answer could not be decoded or did not answer the request sent: at start_session,
+  /// what answered is not an agent. The stream can no longer be trusted, so the session is closed
+  /// as after a lost connection.
   kMalformedReply = -4,
-  /// The agent answered and refused: a denied address, an unknown register, a value wider than
-  /// its register, no room for a reservation, a refused session. The session stays open.
+  /// The agent refused the request for a reason it did not name. The session stays open, as it
+  /// does after every refusal below.
   kRefused = -5,
-  /// start_session could not resolve the address or reach the agent within the deadline.
+  /// start_session could not reach the agent for another reason than those below, such as an
+  /// unreachable network.
   kCannotConnect = -6,
   /// An argument was rejected before anything was sent: a null pointer, an access of more than
   /// 8 bytes, a register name that is empty or longer than 63 bytes, a port outside 1 to 65535.
@@ -30,6 +34,26 @@ enum class Status : int32_t {
   /// start_session found that the agent speaks another protocol version: it refused ours, or
   /// announced its own. No session is left open.
   kVersionMismatch = -8,
+  /// start_session: the agent's host name does not resolve.
+  kUnresolved = -9,
+  /// start_session: the connection was refused; nothing listens on that port.
+  kConnectionRefused = -10,
+  /// start_session: the agent answered and accepts no session.
+  kSessionRefused = -11,
+  /// io_read, io_write: the agent closes that address range to accesses.
+  kDenied = -12,
+  /// io_write: the agent holds no more target memory.
+  kOutOfMemory = -13,
+  /// reg_read, reg_write: the agent has no register of that name.
+  kUnknownRegister = -14,
+  /// reg_write: the value has bits set above the register's width.
+  kValueTooWide = -15,
+  /// ddr_reserve: no free block of the reservation region is that large.
+  kNoSpace = -16,
+  /// ddr_unreserve: the address does not start a reserved block.
+  kNotReserved = -17,
+  /// The agent refused an argument that it checks itself, such as a reservation of 0 bytes.
+  kArgumentRefused = -18,
 };
 
 }  // namespace kvx::agent

@@ -331,6 +331,8 @@ const char* statusName(ReplyStatus status) {
       return "version mismatch";
     case ReplyStatus::kSessionRefused:
       return "session refused";
+    case ReplyStatus::kValueTooWide:
+      return "value too wide";
   }
   return "unknown status";
 }

@@ -67,11 +67,12 @@ enum class ReplyStatus : uint32_t {
   kDenied = 1,           ///< the address range is closed to accesses
   kOutOfMemory = 2,      ///< the agent will not hold more target memory
   kUnknownRegister = 3,  ///< no register of that name
-  kInvalidArgument = 4,  ///< e.g. a reservation of size 0, a value wider than its register
+  kInvalidArgument = 4,  ///< e.g. a reservation of size 0
   kNoSpace = 5,          ///< no free block large enough for the reservation
   kNotReserved = 6,      ///< the address does not start a reserved block
   kVersionMismatch = 7,  ///< Hello with a version the agent does not speak
   kSessionRefused = 8,   ///< the agent accepts no session at all
+  kValueTooWide = 9,     ///< RegWrite: the value has bits set above the register's width
 };
 
 // ---- Messages ----

@@ -109,8 +109,8 @@ TEST_F(TargetAgentClientTest, CallsMoveExactlyTheirWidthAndRefusalsHandBackNothi
   // A refusal fails its call alone: it hands back nothing, and the session stays.
   uint8_t buffer[8] = {0xEE};
   uint64_t untouched = 0x77;
-  EXPECT_EQ(io_read(0x1008, buffer, 8), code(Status::kRefused));
-  EXPECT_EQ(reg_read("x0", &untouched), code(Status::kRefused));
+  EXPECT_EQ(io_read(0x1008, buffer, 8), code(Status::kDenied));
+  EXPECT_EQ(reg_read("x0", &untouched), code(Status::kUnknownRegister));
   EXPECT_EQ(buffer[0], 0xEE);
   EXPECT_EQ(untouched, 0x77u);
   EXPECT_EQ(get_sock_status(), 0);
@@ -167,11 +167,11 @@ TEST_F(TargetAgentClientTest, InvalidArgumentsAreRefusedBeforeAnythingElse) {
 
 TEST_F(TargetAgentClientTest, SessionThatCannotStartLeavesNone) {
   SimProcess refusing({"--refuse-sessions"});
-  EXPECT_EQ(connect(refusing), code(Status::kRefused));
+  EXPECT_EQ(connect(refusing), code(Status::kSessionRefused));
   expectEveryCallFailsWith(Status::kNoSession);
   refusing.stop();
-  EXPECT_EQ(connect(refusing), code(Status::kCannotConnect)) << "nobody listening";
-  EXPECT_EQ(start_session("no-such-host.invalid", 4000), code(Status::kCannotConnect));
+  EXPECT_EQ(connect(refusing), code(Status::kConnectionRefused)) << "nobody listening";
+  EXPECT_EQ(start_session("no-such-host.invalid", 4000), code(Status::kUnresolved));
   // Agents of another version: one refuses ours, the other accepts it but announces version 1.
   const std::pair<size_t, uint8_t> otherVersions[] = {
       {protocol::kHeaderSize, uint8_t(protocol::ReplyStatus::kVersionMismatch)},

@@ -24,7 +24,7 @@ TEST(RegisterFileTest, OnlyExactNamesExistAndValuesMustFitTheirWidth) {
   }
   // ps is 32 bits wide: a value with a bit above them leaves it unchanged.
   EXPECT_EQ(registers.write("ps", 0xFFFFFFFF), ReplyStatus::kOk);
-  EXPECT_EQ(registers.write("ps", 0x100000000), ReplyStatus::kInvalidArgument);
+  EXPECT_EQ(registers.write("ps", 0x100000000), ReplyStatus::kValueTooWide);
   EXPECT_TRUE(registers.read("ps", value, width) && value == 0xFFFFFFFF && width == 4) << value;
   EXPECT_EQ(registers.write("r63", ~0ull), ReplyStatus::kOk);
   EXPECT_TRUE(registers.read("r63", value, width) && value == ~0ull && width == 8) << value;

@@ -12,8 +12,8 @@
 #include <gtest/gtest.h>
 #include <log4cxx/level.h>
 
+#include "common/LogRecorder.h"
 #include "tests/unit/FakeAgent.h"
-#include "tools/LogRecorder.h"
 #include "vorn/Exception.h"
 
 namespace vorn {
@@ -253,7 +253,7 @@ class Warnings {
  private:
   log4cxx::LoggerPtr m_logger = log4cxx::Logger::getLogger("tesk.ta.kvx");
   log4cxx::LevelPtr m_saved = m_logger->getLevel();
-  kvx::cli::LogRecorder m_recorder{"tesk.ta.kvx", "%p|%m|%F|%M|%L%n"};
+  kvx::common::LogRecorder m_recorder{"tesk.ta.kvx", "%p|%m|%F|%M|%L%n"};
 };
 
 TEST_F(TaProcessKVXTest, OversizedRequestsWarnOnceEachWithTheirLocation) {

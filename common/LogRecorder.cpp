@@ -1,4 +1,4 @@
-#include "tools/LogRecorder.h"
+#include "common/LogRecorder.h"
 
 #include <sstream>
 
@@ -6,7 +6,7 @@
 #include <log4cxx/helpers/writer.h>
 #include <log4cxx/patternlayout.h>
 
-namespace kvx::cli {
+namespace kvx::common {
 
 /// Keeps what an appender writes, in memory.
 class TextWriter : public log4cxx::helpers::Writer {
@@ -41,4 +41,4 @@ std::vector<std::string> LogRecorder::lines() const {
   return lines;
 }
 
-}  // namespace kvx::cli
+}  // namespace kvx::common

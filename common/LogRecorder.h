@@ -10,7 +10,7 @@
 #include <log4cxx/logger.h>
 #include <log4cxx/writerappender.h>
 
-namespace kvx::cli {
+namespace kvx::common {
 
 class TextWriter;
 
@@ -32,4 +32,4 @@ class LogRecorder {
   std::shared_ptr<log4cxx::WriterAppender> m_appender;
 };
 
-}  // namespace kvx::cli
+}  // namespace kvx::common
