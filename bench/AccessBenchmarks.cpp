@@ -26,8 +26,8 @@
 #include "agent/TargetAgent.h"
 #include "bench/AgentInterposer.h"
 #include "bench/BenchEnvironment.h"
-#include "common/WireConnection.h"
 #include "platform/protocol/AgentProtocol.h"
+#include "tests/support/WireConnection.h"
 #include "vorn/ExtAddress.h"
 
 namespace kvx::bench {
@@ -120,9 +120,9 @@ BENCHMARK(BM_ReadRegisterNull)->Name("BM_ReadRegister/null");
 
 /// One frame out and one reply in on a bare blocking TCP socket: the floor of an access.
 void BM_RawRoundTripLoopback(benchmark::State& state) {
-  std::unique_ptr<kvx::common::WireConnection> wire;
+  std::unique_ptr<kvx::test::WireConnection> wire;
   try {
-    wire = std::make_unique<kvx::common::WireConnection>(BenchEnvironment::current().firstAgent());
+    wire = std::make_unique<kvx::test::WireConnection>(BenchEnvironment::current().firstAgent());
   } catch (const std::exception& e) {
     fail(state, e.what());
     return;
@@ -139,7 +139,7 @@ void BM_RawRoundTripLoopback(benchmark::State& state) {
     fail(state, "no valid reply from the simulator");
     return;
   }
-  const kvx::common::Frame frame = kvx::common::encoded(read);
+  const kvx::test::Frame frame = kvx::test::encoded(read);
   uint8_t in[protocol::kMaxFrameSize];
   const size_t replyLength = protocol::replyFrameSize(read.opcode);
   for (auto _ : state) {

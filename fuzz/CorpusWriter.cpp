@@ -16,14 +16,14 @@
 #include <string>
 #include <vector>
 
-#include "common/WireConnection.h"
 #include "fuzz/FuzzSetup.h"
 #include "platform/protocol/AgentProtocol.h"
+#include "tests/support/WireConnection.h"
 
 namespace protocol = kvx::protocol;
 using protocol::Opcode;
 using Bytes = std::vector<uint8_t>;
-using kvx::common::encoded;
+using kvx::test::encoded;
 
 namespace {
 

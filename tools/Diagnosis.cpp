@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "common/AgentTimeout.h"
-#include "common/WireConnection.h"
 #include "platform/protocol/AgentProtocol.h"
+#include "tests/support/WireConnection.h"
 #include "tools/Numbers.h"
 
 namespace kvx::cli {
@@ -34,7 +34,7 @@ Diagnosis::Diagnosis(common::Endpoint endpoint) : m_endpoint(std::move(endpoint)
 
 unsigned Diagnosis::timeoutMs() { return common::agentTimeoutMs(); }
 
-std::unique_ptr<common::WireConnection> Diagnosis::open(std::string& why) {
+std::unique_ptr<test::WireConnection> Diagnosis::open(std::string& why) {
   const unsigned timeout = timeoutMs();
   const std::string deadline = deadlineMissed();
   const auto dialed = m_dialer.dial(m_endpoint.host.c_str(), m_endpoint.port,
@@ -55,13 +55,13 @@ std::unique_ptr<common::WireConnection> Diagnosis::open(std::string& why) {
       why = std::strerror(dialed.systemError);
       return nullptr;
   }
-  auto wire = std::make_unique<common::WireConnection>(dialed.fd, std::chrono::milliseconds(timeout));
+  auto wire = std::make_unique<test::WireConnection>(dialed.fd, std::chrono::milliseconds(timeout));
   protocol::Request hello;
   hello.value = protocol::kProtocolVersion;
-  common::Frame frame(protocol::kHeaderSize);
+  test::Frame frame(protocol::kHeaderSize);
   protocol::FrameHeader header;
   protocol::Reply reply;
-  if (!wire->send(common::encoded(hello)) || !wire->receive(frame.data(), frame.size())) {
+  if (!wire->send(test::encoded(hello)) || !wire->receive(frame.data(), frame.size())) {
     why = wire->timedOut() ? deadline
                            : "what answered is not a KVX agent: it closed the connection without a word";
     return nullptr;

@@ -15,9 +15,9 @@
 #include "common/Dialer.h"
 #include "common/Endpoint.h"
 
-namespace kvx::common {
+namespace kvx::test {
 class WireConnection;
-}  // namespace kvx::common
+}  // namespace kvx::test
 
 namespace kvx::cli {
 
@@ -42,7 +42,7 @@ class Diagnosis {
 
  private:
   /// A handshaken connection of kvx-ta's own, or null with the reason in `why`.
-  std::unique_ptr<common::WireConnection> open(std::string& why);
+  std::unique_ptr<test::WireConnection> open(std::string& why);
 
   common::Endpoint m_endpoint;
   common::Dialer m_dialer;

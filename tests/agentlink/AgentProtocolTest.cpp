@@ -10,13 +10,13 @@
 #include <initializer_list>
 #include <string>
 
-#include "common/WireConnection.h"
+#include "tests/support/WireConnection.h"
 
 namespace kvx::protocol {
 namespace {
 
-using common::encoded;
-using common::Frame;
+using test::encoded;
+using test::Frame;
 
 Request makeRequest(Opcode opcode, uint64_t value, uint32_t size, const std::string& name = "") {
   Request request;

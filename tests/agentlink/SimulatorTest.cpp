@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "common/WireConnection.h"
 #include "tests/support/SimProcess.h"
+#include "tests/support/WireConnection.h"
 
 namespace kvx::test {
 namespace {
 
-using common::Frame;
-using common::WireConnection;
+using test::Frame;
+using test::WireConnection;
 namespace protocol = kvx::protocol;
 using protocol::Opcode;
 
@@ -41,7 +41,7 @@ TEST(SimulatorTest, MalformedFramesDropOnlyTheirOwnConnection) {
 
   // Which frames the decoders refuse is the protocol test's; these reach each way the simulator
   // has of ending a connection. Each case's client is a new one, served after the drops before.
-  const Frame read = common::encoded(request(Opcode::kIoRead));
+  const Frame read = test::encoded(request(Opcode::kIoRead));
   Frame nineBytes = read;
   nineBytes[protocol::kHeaderSize + 8] = 9;
   const struct {

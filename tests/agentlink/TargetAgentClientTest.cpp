@@ -18,14 +18,14 @@
 #include <utility>
 #include <vector>
 
-#include "common/WireConnection.h"
 #include "platform/agent/AgentStatus.h"
 #include "tests/support/SimProcess.h"
+#include "tests/support/WireConnection.h"
 
 namespace kvx::agent {
 namespace {
 
-using common::Frame;
+using test::Frame;
 using test::SimProcess;
 
 constexpr int32_t code(Status status) { return static_cast<int32_t>(status); }
@@ -36,14 +36,14 @@ class ScriptedAgent {
  public:
   /// Changes the right reply into what is sent instead (nothing, when it is left empty); may
   /// send bytes of its own first.
-  using Edit = std::function<void(Frame&, common::WireConnection&)>;
+  using Edit = std::function<void(Frame&, test::WireConnection&)>;
 
   /// Calls start_session on another thread and answers its Hello as respond() does. Returns what
   /// start_session returned.
   int32_t handshake(const Edit& edit = {}) {
     auto started =
         std::async(std::launch::async, [this] { return start_session("127.0.0.1", m_listener.port()); });
-    m_wire = std::make_unique<common::WireConnection>(m_listener.accept());
+    m_wire = std::make_unique<test::WireConnection>(m_listener.accept());
     respond(edit);
     return started.get();
   }
@@ -58,17 +58,17 @@ class ScriptedAgent {
     reply.opcode = request.opcode;
     reply.id = request.id;
     reply.value = request.opcode == protocol::Opcode::kHello ? protocol::kProtocolVersion : 0;
-    frame = common::encoded(reply);
+    frame = test::encoded(reply);
     if (edit) edit(frame, *m_wire);
     m_wire->send(frame);
     if (thenClose) m_wire->close();
   }
 
-  common::WireConnection& wire() { return *m_wire; }
+  test::WireConnection& wire() { return *m_wire; }
 
  private:
-  common::WireListener m_listener;
-  std::unique_ptr<common::WireConnection> m_wire;
+  test::WireListener m_listener;
+  std::unique_ptr<test::WireConnection> m_wire;
 };
 
 class TargetAgentClientTest : public ::testing::Test {
@@ -208,7 +208,7 @@ TEST_F(TargetAgentClientTest, RepliesThatDoNotAnswerTheRequestEndTheSession) {
   ::setenv("TA_AGENT_TIMEOUT_MS", "300", 1);
   const struct {
     const char* name;
-    void (*edit)(Frame&, common::WireConnection&);
+    void (*edit)(Frame&, test::WireConnection&);
     Status expected;  ///< kConnectionLost: the agent closes the connection after sending
   } cases[] = {
       {"another request's id", [](Frame& f, auto&) { ++f[4]; }, Status::kMalformedReply},
@@ -222,7 +222,7 @@ TEST_F(TargetAgentClientTest, RepliesThatDoNotAnswerTheRequestEndTheSession) {
       // Begun before the deadline, complete within a second deadline counted from its first
       // byte, which the call must not get.
       {"reply trickling past the deadline",
-       [](Frame& f, common::WireConnection& wire) {
+       [](Frame& f, test::WireConnection& wire) {
          std::this_thread::sleep_for(std::chrono::milliseconds(200));
          for (size_t i = 0; i < f.size() && wire.send(&f[i], 1); ++i)
            std::this_thread::sleep_for(std::chrono::milliseconds(8));

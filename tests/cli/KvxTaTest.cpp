@@ -18,10 +18,10 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include "common/WireConnection.h"
 #include "platform/protocol/AgentProtocol.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/SimProcess.h"
+#include "tests/support/WireConnection.h"
 
 namespace kvx::test {
 namespace {
@@ -136,7 +136,7 @@ TEST_F(KvxTaTest, WithoutServerEachRunStartsASimulatorAndStopsItWhateverTheOutco
     const size_t at = result->err.find(kStarted);
     ASSERT_NE(at, std::string::npos) << *result;
     const int port = std::stoi(result->err.substr(at + kStarted.size()));
-    EXPECT_THROW(common::WireConnection({"127.0.0.1", port}), std::runtime_error)
+    EXPECT_THROW(test::WireConnection({"127.0.0.1", port}), std::runtime_error)
         << "the simulator outlived the run\n"
         << *result;
   }
@@ -195,16 +195,16 @@ TEST_F(KvxTaTest, UsageErrorsExitWithTwoAndOneLineNamingTheArgument) {
 /// An agent played by the test: it answers the first frame of each of two connections (the agent
 /// library's and kvx-ta's diagnosis) with `reply`, then closes.
 struct FakeAgent {
-  explicit FakeAgent(common::Frame reply)
+  explicit FakeAgent(test::Frame reply)
       : answering(std::async(std::launch::async, [this, reply] {
           for (int i = 0; i < 2; ++i) {
-            common::WireConnection connection(listener.accept());
-            common::Frame request;
+            test::WireConnection connection(listener.accept());
+            test::Frame request;
             if (connection.receiveFrame(request)) connection.send(reply);
           }
         })) {}
   common::Endpoint endpoint() const { return {"127.0.0.1", listener.port()}; }
-  common::WireListener listener;
+  test::WireListener listener;
   std::future<void> answering;
 };
 
@@ -212,8 +212,8 @@ TEST_F(KvxTaTest, FailuresExitWithOneAndSayWhatWasAttemptedAndWhy) {
   protocol::Reply olderAgent;
   olderAgent.value = protocol::kProtocolVersion - 1;
   olderAgent.status = protocol::ReplyStatus::kVersionMismatch;
-  FakeAgent older(common::encoded(olderAgent));
-  FakeAgent notAnAgent(common::Frame(protocol::kHeaderSize, 'x'));
+  FakeAgent older(test::encoded(olderAgent));
+  FakeAgent notAnAgent(test::Frame(protocol::kHeaderSize, 'x'));
   const std::string session = R"(cannot open a session with the agent at [^:]+:\d+: )";
   const struct {
     std::string agent;  ///< the simulator's options; kvx-ta's own --server when it starts with '-'

@@ -12,8 +12,8 @@
 
 #include <boost/asio/io_context.hpp>
 
-#include "common/WireConnection.h"
 #include "sim/RequestHandler.h"
+#include "tests/support/WireConnection.h"
 
 namespace kvx::sim {
 namespace {
@@ -23,7 +23,7 @@ using boost::asio::ip::tcp;
 TEST(ConnectionTest, RepliesTheSocketCannotTakeAtOnceFollowWholeAndInOrder) {
   boost::asio::io_context io;
   tcp::acceptor acceptor(io, tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
-  common::WireConnection client(common::Endpoint{"127.0.0.1", acceptor.local_endpoint().port()});
+  test::WireConnection client(common::Endpoint{"127.0.0.1", acceptor.local_endpoint().port()});
   tcp::socket socket = acceptor.accept();
   // Far less room than the replies need, so that most of them wait for the client to read.
   socket.set_option(tcp::socket::send_buffer_size(4096));
@@ -36,17 +36,17 @@ TEST(ConnectionTest, RepliesTheSocketCannotTakeAtOnceFollowWholeAndInOrder) {
   constexpr uint32_t kReads = 20000;
   protocol::Request request;
   request.value = protocol::kProtocolVersion;
-  common::Frame requests = common::encoded(request);
+  test::Frame requests = test::encoded(request);
   request.opcode = protocol::Opcode::kIoRead;
   for (request.id = 1; request.id <= kReads; ++request.id) {
-    for (const uint8_t byte : common::encoded(request)) requests.push_back(byte);
+    for (const uint8_t byte : test::encoded(request)) requests.push_back(byte);
   }
   auto sent = std::async(std::launch::async, [&] { return client.send(requests); });
   // Serves until the connection waits for the client (or has nothing left to do), then reads.
   while (io.run_one_for(std::chrono::milliseconds(200)) != 0) continue;
   std::thread serving([&io] { io.run(); });
   uint32_t answered = 0;
-  common::Frame frame;
+  test::Frame frame;
   protocol::Reply reply;
   while (answered <= kReads && client.receiveFrame(frame) &&
          protocol::decodeReply(frame.data(), frame.size(), reply) && reply.id == answered &&

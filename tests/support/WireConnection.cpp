@@ -1,4 +1,4 @@
-#include "common/WireConnection.h"
+#include "tests/support/WireConnection.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace kvx::common {
+namespace kvx::test {
 namespace {
 
 bool limitWaits(int fd, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
@@ -25,7 +25,7 @@ bool limitWaits(int fd, std::chrono::milliseconds limit = std::chrono::seconds(5
 
 }  // namespace
 
-WireConnection::WireConnection(const Endpoint& endpoint) {
+WireConnection::WireConnection(const common::Endpoint& endpoint) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
@@ -132,4 +132,4 @@ Frame encoded(const protocol::Reply& reply) {
   return frame;
 }
 
-}  // namespace kvx::common
+}  // namespace kvx::test

@@ -15,7 +15,7 @@
 #include "common/Endpoint.h"
 #include "platform/protocol/AgentProtocol.h"
 
-namespace kvx::common {
+namespace kvx::test {
 
 using Frame = std::vector<uint8_t>;
 
@@ -23,7 +23,7 @@ class WireConnection {
  public:
   /// Connects to `endpoint`, a numeric IPv4 or IPv6 address, with TCP_NODELAY. Throws
   /// std::runtime_error when nothing accepts the connection.
-  explicit WireConnection(const Endpoint& endpoint);
+  explicit WireConnection(const common::Endpoint& endpoint);
   /// Takes over a connected socket, such as one a test's listener accepted; every wait on it is
   /// bounded by `limit`.
   explicit WireConnection(int fd, std::chrono::milliseconds limit = std::chrono::seconds(5));
@@ -79,4 +79,4 @@ Frame encoded(const protocol::Request& request);
 /// `reply` as one frame, for a test that plays the agent.
 Frame encoded(const protocol::Reply& reply);
 
-}  // namespace kvx::common
+}  // namespace kvx::test
