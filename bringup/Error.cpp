@@ -21,12 +21,22 @@ Error::Error(Kind kind, std::string attempted, std::string reason, std::string d
       m_detail(std::move(detail)),
       m_call(std::move(call)) {}
 
-Error Error::prefixed(const std::string& prefix) const {
-  return Error(m_kind, prefix + m_attempted, m_reason, m_detail, m_call);
+Error Error::suffixed(const std::string& suffix) const {
+  Error error(m_kind, m_attempted + suffix, m_reason, m_detail, m_call);
+  error.m_location = m_location;
+  return error;
 }
 
-Error Error::suffixed(const std::string& suffix) const {
-  return Error(m_kind, m_attempted + suffix, m_reason, m_detail, m_call);
+Error Error::explained(const std::string& more) const {
+  Error error(m_kind, m_attempted, m_reason + more, m_detail, m_call);
+  error.m_location = m_location;
+  return error;
+}
+
+Error Error::locatedAt(const std::string& file, unsigned line) const {
+  Error error = *this;
+  error.m_location = Location{file, line};
+  return error;
 }
 
 const char* Error::kindName(Kind kind) {

@@ -28,6 +28,12 @@ class Error : public std::runtime_error {
     int32_t status = 0;
   };
 
+  /// Where in a script the failed command stands.
+  struct Location {
+    std::string file;
+    unsigned line = 0;
+  };
+
   /// `detail` is what lies beneath, such as the plug-in's own message and source location, for
   /// those who ask for it (kvx-ta --verbose).
   Error(Kind kind, std::string attempted, std::string reason = "", std::string detail = "",
@@ -39,11 +45,14 @@ class Error : public std::runtime_error {
   const std::string& reason() const { return m_reason; }
   const std::string& detail() const { return m_detail; }
   const std::optional<AgentCall>& call() const { return m_call; }
+  const std::optional<Location>& location() const { return m_location; }
 
-  /// The same error, with `prefix` before what was attempted ("script:3: ").
-  Error prefixed(const std::string& prefix) const;
   /// The same error, with `suffix` after what was attempted (" (the worker for 0x0-0xfff)").
   Error suffixed(const std::string& suffix) const;
+  /// The same error, with `more` after the reason ("; 4096 bytes were written").
+  Error explained(const std::string& more) const;
+  /// The same error, located at `line` of the script `file`.
+  Error locatedAt(const std::string& file, unsigned line) const;
 
   /// "usage", "target", "connection", "file" or "interrupted".
   static const char* kindName(Kind kind);
@@ -54,6 +63,7 @@ class Error : public std::runtime_error {
   std::string m_reason;
   std::string m_detail;
   std::optional<AgentCall> m_call;
+  std::optional<Location> m_location;
 };
 
 /// A usage error: `message` names the argument and what is wrong with it.

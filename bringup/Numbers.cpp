@@ -1,9 +1,9 @@
 #include "bringup/Numbers.h"
 
 #include <cstdio>
-#include <limits>
 
 #include "bringup/Error.h"
+#include "bringup/Ranges.h"
 #include "common/Numbers.h"
 
 namespace kvx::bringup {
@@ -33,11 +33,15 @@ unsigned parseAccessSize(const std::string& text) {
   return static_cast<unsigned>(size);
 }
 
-void checkRange(uint64_t address, uint64_t length) {
-  if (length != 0 && address > std::numeric_limits<uint64_t>::max() - (length - 1)) {
-    throw usageError("the " + std::to_string(length) + " bytes at " + hexAddress(address) +
-                     " run past the end of the 64-bit address space");
-  }
+std::vector<uint8_t> parsePattern(const std::string& text, const std::string& what) {
+  const uint64_t value = parseNumber(text, what);
+  const bool hex = text.size() > 2 && (text[1] == 'x' || text[1] == 'X');
+  size_t width = hex ? (text.size() - 2 + 1) / 2 : 1;
+  while (!hex && width < kMaxAccessBytes && (value >> (8 * width)) != 0) ++width;
+  if (width > kMaxAccessBytes) throw usageError("invalid " + what + " '" + text + "' (1 to 8 bytes)");
+  std::vector<uint8_t> pattern(width);
+  toTargetBytes(value, pattern.data(), static_cast<unsigned>(width));
+  return pattern;
 }
 
 std::string hexPadded(uint64_t value, unsigned digits) {

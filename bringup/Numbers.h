@@ -1,16 +1,13 @@
-// Numbers as the front ends read and print them: decimal or 0x-prefixed hex on the way in, zero-padded
-// hex on the way out, the checks that every address and access size passes before it is used,
-// and values as the target holds them, least significant byte first.
+// Numbers as the front ends read and print them: decimal or 0x-prefixed hex on the way in,
+// zero-padded hex on the way out, and values as the target holds them, least significant byte
+// first.
 #pragma once
 
 #include <cstdint>
 #include <string>
-
-#include "common/Accesses.h"
+#include <vector>
 
 namespace kvx::bringup {
-
-using common::kMaxAccessBytes;
 
 /// `text` as decimal digits or as 0x (or 0X) and hex digits, nothing else: no sign, no blanks, no
 /// suffix. False when it is anything else or does not fit in 64 bits.
@@ -22,9 +19,10 @@ uint64_t parseNumber(const std::string& text, const std::string& what);
 /// An access size, 1 to kMaxAccessBytes. Throws a usage Error otherwise.
 unsigned parseAccessSize(const std::string& text);
 
-/// Throws a usage Error when the `length` bytes from `address` run past the top of the 64-bit
-/// address space.
-void checkRange(uint64_t address, uint64_t length);
+/// A pattern of 1 to 8 bytes for fill or search, in target memory order, as wide as it is
+/// written: 0xa5 is one byte, 0x000000a5 four; a decimal pattern takes as few bytes as its value
+/// needs. Throws a usage Error naming `what` otherwise.
+std::vector<uint8_t> parsePattern(const std::string& text, const std::string& what);
 
 /// "0x" and exactly `digits` hex digits (more when the value needs them).
 std::string hexPadded(uint64_t value, unsigned digits);

@@ -4,10 +4,10 @@
 
 #include <boost/program_options.hpp>
 
+#include "bringup/Error.h"
+#include "bringup/Numbers.h"
 #include "common/AgentTimeout.h"
-#include "tools/Commands.h"
-#include "tools/Numbers.h"
-#include "tools/UsageError.h"
+#include "tools/CommandTable.h"
 
 namespace po = boost::program_options;
 
@@ -49,6 +49,8 @@ po::options_description CommandLine::options() {
        "session of its own (default: 4 from 64 KiB on against an agent on another machine, "
        "else 1)")
       ("verbose", "show where a failure came from, the plug-in's source locations included")
+      ("trace", "show every call of the agent library: its arguments, status and time, a line each on "
+       "stderr (a JSON object each with --json)")
       ("log-config", po::value<std::string>()->value_name("FILE"),
        "log4cxx configuration (.xml: DOMConfigurator, else PropertyConfigurator); without it "
        "LOG4CXX_CONFIGURATION is honoured, else warnings go to stderr")
@@ -72,7 +74,7 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
     const bool option = token.size() > 1 && token[0] == '-';
     if (!option && invocation.command.empty()) {
       invocation.command = token;
-      definition = Commands::find(token);
+      definition = findCommand(token);
       continue;
     }
     if (!option || (!invocation.command.empty() && commandTakes(definition, name))) {
@@ -99,7 +101,7 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
                   .run(),
               values);
   } catch (const po::error& e) {
-    throw UsageError(std::string(e.what()) + " (try 'kvx-ta --help')");
+    throw bringup::usageError(std::string(e.what()) + " (try 'kvx-ta --help')");
   }
   invocation.help = values.count("help") != 0;
   invocation.version = values.count("version") != 0;
@@ -108,14 +110,15 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   invocation.output.verbose = values.count("verbose") != 0;
   invocation.output.progress = values.count("progress") != 0;
   invocation.force = values.count("force") != 0;
+  invocation.trace = values.count("trace") != 0;
   if (values.count("worker") != 0) {
     invocation.output.worker = invocation.output.json = invocation.output.quiet = true;
   }
   if (values.count("jobs") != 0) {
-    const uint64_t jobs = parseNumber(values["jobs"].as<std::string>(), "jobs");
+    const uint64_t jobs = bringup::parseNumber(values["jobs"].as<std::string>(), "jobs");
     if (jobs == 0 || jobs > kMaxJobs) {
-      throw UsageError("invalid jobs '" + values["jobs"].as<std::string>() + "' (1 to " +
-                       std::to_string(kMaxJobs) + ")");
+      throw bringup::usageError("invalid jobs '" + values["jobs"].as<std::string>() + "' (1 to " +
+                                std::to_string(kMaxJobs) + ")");
     }
     invocation.jobs = static_cast<unsigned>(jobs);
   }
@@ -123,13 +126,13 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
     const std::string server = values["server"].as<std::string>();
     std::string why;
     invocation.server = common::Endpoint::parse(server, why);
-    if (!invocation.server) throw UsageError("invalid server '" + server + "' (" + why + ")");
+    if (!invocation.server) throw bringup::usageError("invalid server '" + server + "' (" + why + ")");
   }
   if (values.count("timeout") != 0) {
-    const uint64_t timeout = parseNumber(values["timeout"].as<std::string>(), "timeout");
+    const uint64_t timeout = bringup::parseNumber(values["timeout"].as<std::string>(), "timeout");
     if (timeout == 0 || timeout > common::kMaxAgentTimeoutMs) {
-      throw UsageError("invalid timeout '" + values["timeout"].as<std::string>() + "' (1 to " +
-                       std::to_string(common::kMaxAgentTimeoutMs) + " ms)");
+      throw bringup::usageError("invalid timeout '" + values["timeout"].as<std::string>() + "' (1 to " +
+                                std::to_string(common::kMaxAgentTimeoutMs) + " ms)");
     }
     invocation.timeoutMs = static_cast<unsigned>(timeout);
   }
@@ -138,7 +141,7 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
   }
   if (values.count("log-config") != 0) {
     invocation.logConfig = values["log-config"].as<std::string>();
-    if (invocation.logConfig.empty()) throw UsageError("invalid log configuration '' (a file name)");
+    if (invocation.logConfig.empty()) throw bringup::usageError("invalid log configuration '' (a file name)");
   }
   return invocation;
 }

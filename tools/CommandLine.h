@@ -10,7 +10,7 @@
 #include <boost/program_options/options_description.hpp>
 
 #include "common/Endpoint.h"
-#include "tools/Output.h"
+#include "tools/output/Output.h"
 
 namespace kvx::cli {
 
@@ -29,6 +29,8 @@ struct Invocation {
   std::vector<std::string> simulatorOptions;
   /// --jobs: worker processes for a transfer; none given means kvx-ta's choice.
   std::optional<unsigned> jobs;
+  /// --trace: every agent call on stderr.
+  bool trace = false;
   bool help = false;
   bool version = false;
   /// Empty when none was given.
@@ -39,7 +41,7 @@ struct Invocation {
 
 class CommandLine {
  public:
-  /// Parses argv. Throws UsageError.
+  /// Parses argv. Throws a usage Error.
   static Invocation parse(int argc, const char* const argv[]);
 
   /// The program's own options, as help shows them.

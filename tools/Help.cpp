@@ -1,14 +1,13 @@
 #include "tools/Help.h"
 
 #include <algorithm>
-#include <ostream>
+#include <sstream>
 #include <vector>
 
-#include "tools/CommandDefinition.h"
 #include "tools/CommandLine.h"
-#include "tools/Commands.h"
+#include "tools/CommandTable.h"
 
-namespace kvx::cli {
+namespace kvx::cli::help {
 namespace {
 
 /// The width of the synopsis column in the list of commands.
@@ -32,11 +31,11 @@ size_t editDistance(const std::string& a, const std::string& b) {
 
 }  // namespace
 
-std::string Help::unknownCommand(const std::string& name) {
+std::string unknownCommand(const std::string& name) {
   // Two slips at most, and fewer than the name has letters: "rd" is no typing error of "read".
   const CommandDefinition* nearest = nullptr;
   size_t best = 3;
-  for (const CommandDefinition& definition : Commands::table()) {
+  for (const CommandDefinition& definition : commandTable()) {
     const size_t distance = editDistance(name, definition.name);
     if (distance < best && distance < name.size()) {
       best = distance;
@@ -48,7 +47,8 @@ std::string Help::unknownCommand(const std::string& name) {
                              : " (try 'kvx-ta --help')");
 }
 
-void Help::program(std::ostream& out) {
+std::string program() {
+  std::ostringstream out;
   out << "Usage: kvx-ta [OPTIONS] COMMAND [ARGS...]\n"
          "\n"
          "Reads and writes a target through the KVX target-access plug-in, the way a debugger\n"
@@ -58,7 +58,7 @@ void Help::program(std::ostream& out) {
          "or after the command.\n"
          "\n"
          "Commands:\n";
-  for (const CommandDefinition& definition : Commands::table()) {
+  for (const CommandDefinition& definition : commandTable()) {
     std::string synopsis = std::string(definition.name) + " " + definition.synopsis;
     synopsis.resize(std::max(synopsis.size() + 1, kSynopsisColumn), ' ');
     out << "  " << synopsis << definition.summary << '\n';
@@ -67,13 +67,17 @@ void Help::program(std::ostream& out) {
       << CommandLine::options() << "\n"
       << "Numbers are decimal (no leading zero) or hex with 0x; addresses are 64-bit; values are\n"
          "little-endian.\n"
-         "Exit status: 0 done, 1 failed on the target, its connection or the output, 2 usage error.\n";
+         "Exit status: 0 done; 1 failed on the target, its connection, a file or the output;\n"
+         "2 usage error; 130 interrupted. A reader that closes the output pipe ends kvx-ta quietly.\n";
+  return out.str();
 }
 
-void Help::command(const CommandDefinition& definition, std::ostream& out) {
+std::string command(const CommandDefinition& definition) {
+  std::ostringstream out;
   out << "Usage: " << definition.usage() << "\n\n"
       << definition.description << "\n\n"
       << definition.options();
+  return out.str();
 }
 
-}  // namespace kvx::cli
+}  // namespace kvx::cli::help

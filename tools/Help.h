@@ -2,19 +2,21 @@
 // command's (usage, description, options).
 #pragma once
 
-#include <iosfwd>
 #include <string>
 
 namespace kvx::cli {
 
 struct CommandDefinition;
 
-class Help {
- public:
-  static void program(std::ostream& out);
-  static void command(const CommandDefinition& definition, std::ostream& out);
-  /// The message for a command that does not exist, suggesting the nearest one that does.
-  static std::string unknownCommand(const std::string& name);
-};
+namespace help {
+
+/// The program's help: synopsis, commands, options, exit statuses.
+std::string program();
+/// A command's help: usage, description, options.
+std::string command(const CommandDefinition& definition);
+/// The message for a command that does not exist, suggesting the nearest one that does.
+std::string unknownCommand(const std::string& name);
+
+}  // namespace help
 
 }  // namespace kvx::cli

@@ -13,11 +13,11 @@
 #include <limits>
 #include <memory>
 
-#include "tools/Failure.h"
-#include "tools/InputFile.h"
-#include "tools/Numbers.h"
+#include <cerrno>
+#include "bringup/Error.h"
+#include "bringup/Numbers.h"
+#include "bringup/Ranges.h"
 #include "tools/RecordReader.h"
-#include "tools/UsageError.h"
 
 namespace kvx::cli {
 namespace {
@@ -34,7 +34,7 @@ const struct {
 };
 
 /// Reads up to `count` bytes, from `offset` on or, when it is empty, from where the file stands;
-/// fewer only at the end of the file. Throws fileError("read", path).
+/// fewer only at the end of the file. Throws bringup::fileError("read", path, errno).
 size_t readFully(int fd, uint8_t* bytes, size_t count, std::optional<uint64_t> offset,
                  const std::string& path) {
   size_t done = 0;
@@ -42,7 +42,7 @@ size_t readFully(int fd, uint8_t* bytes, size_t count, std::optional<uint64_t> o
     const ssize_t got = offset ? ::pread(fd, bytes + done, count - done, static_cast<off_t>(*offset + done))
                                : ::read(fd, bytes + done, count - done);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) throw fileError("read", path);
+    if (got < 0) throw bringup::fileError("read", path, errno);
     if (got == 0) break;
     done += static_cast<size_t>(got);
   }
@@ -73,7 +73,7 @@ Image::Image(std::string path, std::optional<Format> format, std::optional<uint6
     : m_path(std::move(path)), m_offset(address.value_or(0)), m_buffer(kPieceBytes) {
   m_file.fd = ::open(m_path.c_str(), O_RDONLY | O_CLOEXEC);
   struct stat status {};
-  if (m_file.fd < 0 || ::fstat(m_file.fd, &status) != 0) throw fileError("read", m_path);
+  if (m_file.fd < 0 || ::fstat(m_file.fd, &status) != 0) throw bringup::fileError("read", m_path, errno);
   m_stream = !S_ISREG(status.st_mode);
   if (!format || m_stream) {
     m_peeked = readFully(m_file.fd, m_buffer.data(), m_buffer.size(),
@@ -81,11 +81,11 @@ Image::Image(std::string path, std::optional<Format> format, std::optional<uint6
   }
   m_format = format.value_or(detect(m_buffer.data(), m_peeked));
   if (m_stream && m_format != Format::kRaw) {
-    throw UsageError("'" + m_path +
-                     "' is not a regular file: only raw binary is read from a pipe or a device");
+    throw bringup::usageError("'" + m_path +
+                              "' is not a regular file: only raw binary is read from a pipe or a device");
   }
   if (m_format == Format::kRaw && !address) {
-    throw UsageError("'" + m_path + "' is raw binary: give the address to put it at (ADDR)");
+    throw bringup::usageError("'" + m_path + "' is raw binary: give the address to put it at (ADDR)");
   }
   switch (m_format) {
     case Format::kRaw:
@@ -149,7 +149,7 @@ const char* Image::describe(Format format) {
 
 void Image::readElfSegments() {
   const auto malformed = [this](const std::string& reason) {
-    return Failure("cannot read '" + m_path + "' as ELF", reason);
+    return bringup::Error(bringup::Error::Kind::kFile, "cannot read '" + m_path + "' as ELF", reason);
   };
   if (::elf_version(EV_CURRENT) == EV_NONE) throw malformed(::elf_errmsg(-1));
   // Mapped, not read: only the pages of the headers are touched; segments are read in pieces.
@@ -158,7 +158,7 @@ void Image::readElfSegments() {
   size_t headers = 0;
   if (::elf_getphdrnum(elf.get(), &headers) != 0) throw malformed(::elf_errmsg(-1));
   struct stat status {};
-  if (::fstat(m_file.fd, &status) != 0) throw fileError("read", m_path);
+  if (::fstat(m_file.fd, &status) != 0) throw bringup::fileError("read", m_path, errno);
   const auto fileSize = static_cast<uint64_t>(status.st_size);
   for (size_t i = 0; i < headers; ++i) {
     GElf_Phdr header;
@@ -180,7 +180,8 @@ void Image::visitSegments(const Visitor& visitor) {
     for (uint64_t done = 0; done < segment.length;) {
       const size_t count = static_cast<size_t>(std::min<uint64_t>(m_buffer.size(), segment.length - done));
       if (readFully(m_file.fd, m_buffer.data(), count, segment.fileOffset + done, m_path) != count) {
-        throw Failure("cannot read '" + m_path + "'", "it is shorter than when it was opened");
+        throw bringup::Error(bringup::Error::Kind::kFile, "cannot read '" + m_path + "'",
+                             "it is shorter than when it was opened");
       }
       visitor(segment.address + done, m_buffer.data(), count);
       done += count;
@@ -189,7 +190,8 @@ void Image::visitSegments(const Visitor& visitor) {
 }
 
 void Image::visitStream(const Visitor& visitor) {
-  if (m_streamRead) throw UsageError("'" + m_path + "' is a pipe or a device: it cannot be read twice");
+  if (m_streamRead)
+    throw bringup::usageError("'" + m_path + "' is a pipe or a device: it cannot be read twice");
   m_streamRead = true;
   uint64_t done = 0;
   for (size_t count = m_peeked; count > 0;
@@ -222,10 +224,11 @@ void Image::visitRecords(const Visitor& visitor, const Warn& warn) {
 
 uint64_t Image::place(uint64_t fileAddress, uint64_t length) const {
   if (fileAddress > std::numeric_limits<uint64_t>::max() - m_offset) {
-    throw UsageError("the " + std::to_string(length) + " bytes at " + hexAddress(fileAddress) + " + " +
-                     hexAddress(m_offset) + " run past the end of the 64-bit address space");
+    throw bringup::usageError("the " + std::to_string(length) + " bytes at " +
+                              bringup::hexAddress(fileAddress) + " + " + bringup::hexAddress(m_offset) +
+                              " run past the end of the 64-bit address space");
   }
-  checkRange(m_offset + fileAddress, length);
+  bringup::checkedRange(m_offset + fileAddress, length);
   return m_offset + fileAddress;
 }
 

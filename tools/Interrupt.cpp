@@ -2,9 +2,9 @@
 
 #include <csignal>
 
-#include "tools/Failure.h"
+#include "bringup/Error.h"
 
-namespace kvx::cli {
+namespace kvx::cli::interrupt {
 namespace {
 
 volatile std::sig_atomic_t g_signal = 0;
@@ -13,7 +13,7 @@ void note(int signal) { g_signal = signal; }
 
 }  // namespace
 
-void Interrupt::install() {
+void install() {
   struct sigaction action {};
   action.sa_handler = note;
   sigemptyset(&action.sa_mask);
@@ -23,9 +23,13 @@ void Interrupt::install() {
   ::sigaction(SIGTERM, &action, nullptr);
 }
 
-void Interrupt::check() {
-  if (g_signal != 0)
-    throw Failure("stopped", g_signal == SIGINT ? "interrupted (Ctrl-C)" : "terminated by a signal");
+bool pending() { return g_signal != 0; }
+
+void check() {
+  if (g_signal != 0) {
+    throw bringup::Error(bringup::Error::Kind::kInterrupted, "stopped",
+                         g_signal == SIGINT ? "interrupted (Ctrl-C)" : "terminated by a signal");
+  }
 }
 
-}  // namespace kvx::cli
+}  // namespace kvx::cli::interrupt

@@ -1,16 +1,16 @@
-// Ctrl-C and SIGTERM during a long transfer: instead of dying half-way, kvx-ta notes the signal,
-// and the transfer throws at its next access, so that destructors clean up (a partial output
-// file is removed, the embedded simulator stopped) and the failure is reported.
+// Ctrl-C and SIGTERM: instead of dying half-way, kvx-ta notes the signal, and whatever runs stops
+// at its next checkpoint (before every access, and at least every 50 ms while it waits), so that
+// destructors clean up (a partial output file, the embedded simulator) and the interruption is
+// reported, with how far the work got.
 #pragma once
 
-namespace kvx::cli {
+namespace kvx::cli::interrupt {
 
-class Interrupt {
- public:
-  /// Catches SIGINT and SIGTERM from now on.
-  static void install();
-  /// Throws Failure when a signal has arrived.
-  static void check();
-};
+/// Catches SIGINT and SIGTERM from now on.
+void install();
+/// Throws Error (kInterrupted) when a signal has arrived.
+void check();
+/// Whether a signal has arrived.
+bool pending();
 
-}  // namespace kvx::cli
+}  // namespace kvx::cli::interrupt

@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <stdexcept>
 
 #include <log4cxx/consoleappender.h>
 #include <log4cxx/file.h>
@@ -16,6 +14,8 @@
 #include <log4cxx/propertyconfigurator.h>
 #include <log4cxx/spi/loggerrepository.h>
 #include <log4cxx/xml/domconfigurator.h>
+
+#include "bringup/Error.h"
 
 namespace kvx::cli {
 namespace {
@@ -43,7 +43,7 @@ bool anyAppender() {
 
 }  // namespace
 
-void Logging::configure(const std::string& configFile) {
+void configureLogging(const std::string& configFile) {
   if (configFile.empty()) {
     // log4cxx consulted LOG4CXX_CONFIGURATION and its default files when the plug-in obtained
     // its logger, as the program was loaded. A configuration that attaches no appender would
@@ -60,16 +60,15 @@ void Logging::configure(const std::string& configFile) {
   }
   // log4cxx reports an unreadable file only on its own internal channel; say it plainly.
   const int fd = ::open(configFile.c_str(), O_RDONLY);
-  if (fd < 0) {
-    throw std::runtime_error("cannot read log configuration '" + configFile + "': " + std::strerror(errno));
-  }
+  if (fd < 0) throw bringup::fileError("read log configuration", configFile, errno);
   ::close(fd);
   log4cxx::LogManager::resetConfiguration();
   const log4cxx::spi::ConfigurationStatus status =
       endsWith(configFile, kXmlSuffix) ? log4cxx::xml::DOMConfigurator::configure(configFile)
                                        : log4cxx::PropertyConfigurator::configure(log4cxx::File(configFile));
   if (status != log4cxx::spi::ConfigurationStatus::Configured) {
-    throw std::runtime_error("cannot use log configuration '" + configFile + "'");
+    throw bringup::Error(bringup::Error::Kind::kFile, "cannot use log configuration '" + configFile + "'",
+                         "log4cxx did not accept it");
   }
 }
 

@@ -6,14 +6,11 @@
 
 namespace kvx::cli {
 
-class Logging {
- public:
-  /// With `configFile`, replaces whatever configuration log4cxx found with that file's
-  /// (DOMConfigurator for ".xml", PropertyConfigurator otherwise); throws std::runtime_error
-  /// when it cannot be read or used. Without it, keeps what log4cxx configured itself from
-  /// LOG4CXX_CONFIGURATION or its default files; when that attached no appender at all, warnings
-  /// and worse go to stderr as "LEVEL logger: message".
-  static void configure(const std::string& configFile);
-};
+/// With `configFile`, replaces whatever configuration log4cxx found with that file's
+/// (DOMConfigurator for ".xml", PropertyConfigurator otherwise); throws Error (kFile) when it
+/// cannot be read or used. Without it, keeps what log4cxx configured itself from
+/// LOG4CXX_CONFIGURATION or its default files; when that attached no appender at all, warnings and
+/// worse go to stderr as "LEVEL logger: message".
+void configureLogging(const std::string& configFile);
 
 }  // namespace kvx::cli

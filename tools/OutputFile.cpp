@@ -5,10 +5,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+
+#include "bringup/Error.h"
 #include <cstdio>
 #include <vector>
 
-#include "tools/InputFile.h"
+#include <cerrno>
+
+#include "bringup/Error.h"
 
 namespace kvx::cli {
 namespace {
@@ -29,7 +33,7 @@ OutputFile::OutputFile(std::string path) : m_path(std::move(path)) {
   pattern.insert(pattern.end(), suffix.begin(), suffix.end());
   pattern.push_back('\0');
   m_fd = ::mkostemp(pattern.data(), O_CLOEXEC);
-  if (m_fd < 0) throw fileError("write", m_path);
+  if (m_fd < 0) throw bringup::fileError("write", m_path, errno);
   m_temporary = pattern.data();
   // As a new file would have it: the temporary file is created 0600.
   const mode_t mask = ::umask(0);
@@ -54,7 +58,7 @@ void OutputFile::writeAt(uint64_t offset, const void* bytes, size_t size) {
   for (size_t done = 0; done < size;) {
     const ssize_t n = ::pwrite(m_fd, data + done, size - done, static_cast<off_t>(offset + done));
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw fileError("write", m_path);
+    if (n < 0) throw bringup::fileError("write", m_path, errno);
     done += static_cast<size_t>(n);
   }
 }
@@ -63,7 +67,7 @@ void OutputFile::flush() {
   for (size_t done = 0; done < m_buffer.size();) {
     const ssize_t n = ::write(m_fd, m_buffer.data() + done, m_buffer.size() - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw fileError("write", m_path);
+    if (n < 0) throw bringup::fileError("write", m_path, errno);
     done += static_cast<size_t>(n);
   }
   m_buffer.clear();
@@ -74,14 +78,14 @@ void OutputFile::commit() {
   if (::fsync(m_fd) != 0 || ::close(m_fd) != 0) {
     m_fd = -1;
     ::unlink(m_temporary.c_str());
-    throw fileError("write", m_path);
+    throw bringup::fileError("write", m_path, errno);
   }
   m_fd = -1;
   if (std::rename(m_temporary.c_str(), m_path.c_str()) != 0) {
     const int error = errno;
     ::unlink(m_temporary.c_str());
     errno = error;
-    throw fileError("write", m_path);
+    throw bringup::fileError("write", m_path, errno);
   }
 }
 

@@ -10,7 +10,7 @@
 #include <srecord/quit.h>
 #include <srecord/record.h>
 
-#include "tools/Failure.h"
+#include "bringup/Error.h"
 
 // Debian's libsrecord-dev 1.64 installs the library's S-record reader but not its header
 // (srecord/input/file/srecord.h). The one member called here is declared as that header does;
@@ -51,7 +51,8 @@ class Reporter : public srecord::quit {
   [[noreturn]] void exit(int /*status*/) override {
     const std::string reason = m_held.value_or("malformed");
     m_held.reset();
-    throw Failure("cannot read '" + m_path + "' as " + RecordReader::name(m_syntax), reason);
+    throw bringup::Error(bringup::Error::Kind::kFile,
+                         "cannot read '" + m_path + "' as " + RecordReader::name(m_syntax), reason);
   }
 
  private:

@@ -1,16 +1,16 @@
 #include "tools/Script.h"
 
+#include <cerrno>
 #include <fstream>
 #include <iostream>
 #include <sstream>
-#include <stdexcept>
 #include <vector>
 
-#include "tools/Commands.h"
-#include "tools/Failure.h"
-#include "tools/InputFile.h"
-#include "tools/UsageError.h"
-#include "vorn/Exception.h"
+#include "bringup/Error.h"
+#include "tools/CommandTable.h"
+#include "tools/Interrupt.h"
+#include "tools/Session.h"
+#include "tools/output/Output.h"
 
 namespace kvx::cli {
 namespace {
@@ -20,47 +20,81 @@ std::vector<std::string> splitWords(const std::string& line) {
   std::istringstream stream(line);
   std::vector<std::string> words;
   std::string word;
-  while (stream >> word && word.front() != '#') {
-    words.push_back(word);
-  }
+  while (stream >> word && word.front() != '#') words.push_back(word);
   return words;
 }
 
+/// The lines of a script, read one at a time, with their numbers.
+class ScriptReader {
+ public:
+  ScriptReader(std::istream& in, std::string name) : m_in(in), m_name(std::move(name)) {}
+
+  /// The next line that holds a command, checked; false at the end of the script.
+  bool next(Action& action) {
+    std::string line;
+    while (std::getline(m_in, line)) {
+      ++m_number;
+      if (m_number == 1 && line.compare(0, 3, "\xef\xbb\xbf") == 0) line.erase(0, 3);
+      const std::vector<std::string> words = splitWords(line);
+      if (words.empty()) continue;
+      located([&] {
+        action = parseCommand(words.front(), {words.begin() + 1, words.end()}, CommandContext::kScript);
+      });
+      return true;
+    }
+    // A signal ends the read as the end of the input would: say where it stopped.
+    ++m_number;
+    located(&interrupt::check);
+    if (m_in.bad()) throw bringup::fileError("read script", m_name, errno);
+    return false;
+  }
+
+  /// Runs `step`, locating its failure at the current line.
+  template <typename Step>
+  void located(Step step) const {
+    try {
+      step();
+    } catch (const bringup::Error& failure) {
+      throw failure.locatedAt(m_name, m_number);
+    }
+  }
+
+  unsigned number() const { return m_number; }
+
+ private:
+  std::istream& m_in;
+  std::string m_name;
+  unsigned m_number = 0;
+};
+
 }  // namespace
 
-void Script::run(const std::string& path, Session& session) {
+void runScript(const std::string& path, Session& session) {
+  const bool fromStdin = path.empty() || path == "-";
   std::ifstream file;
-  std::istream* in = &std::cin;
-  if (!path.empty() && path != "-") {
+  if (!fromStdin) {
     file.open(path);
-    if (!file) {
-      throw fileError("read script", path);
-    }
-    in = &file;
+    if (!file) throw bringup::fileError("read script", path, errno);
   }
-  std::string line;
-  for (unsigned number = 1; std::getline(*in, line); ++number) {
-    const std::vector<std::string> words = splitWords(line);
-    if (words.empty()) {
-      continue;
-    }
-    // The failure keeps its kind, and so the exit status, and gains its line.
-    const std::string where = "script:" + std::to_string(number) + ": ";
+  ScriptReader reader(fromStdin ? std::cin : file, fromStdin ? "stdin" : path);
+  const auto run = [&](const Action& action, unsigned number) {
     try {
-      Commands::parse(words.front(), {words.begin() + 1, words.end()}, Commands::Context::kScript)(session);
-    } catch (const UsageError& failure) {
-      throw UsageError(where + failure.what());
-    } catch (const Failure& failure) {
-      throw Failure(where + failure.attempted(), failure.reason(), failure.detail());
-    } catch (const vorn::Exception& failure) {
-      throw vorn::Exception(failure.getFile().c_str(), failure.getLine(), where + failure.getMessage());
-    } catch (const std::runtime_error& failure) {
-      throw std::runtime_error(where + failure.what());
+      action(session);
+      session.output().finish();
+    } catch (const bringup::Error& failure) {
+      throw failure.locatedAt(fromStdin ? "stdin" : path, number);
     }
+  };
+  Action action;
+  if (fromStdin) {
+    // Standard input runs as it comes: whoever writes it may wait for each result.
+    while (reader.next(action)) run(action, reader.number());
+    return;
   }
-  if (in->bad()) {
-    throw fileError("read script", path.empty() ? "-" : path);
-  }
+  // A file is checked whole before its first line runs: a usage error anywhere runs nothing.
+  std::vector<std::pair<unsigned, Action>> commands;
+  while (reader.next(action)) commands.emplace_back(reader.number(), action);
+  for (const auto& [number, command] : commands) run(command, number);
 }
 
 }  // namespace kvx::cli

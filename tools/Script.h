@@ -8,12 +8,11 @@ namespace kvx::cli {
 
 class Session;
 
-class Script {
- public:
-  /// Runs the commands in the file at `path`, or on stdin when `path` is empty or "-". Blank lines
-  /// and words from '#' on are skipped. Stops at the first failure, rethrown with the same kind
-  /// (so the same exit status) and "script:LINE: " before its message.
-  static void run(const std::string& path, Session& session);
-};
+/// Runs the commands in the file at `path`, or on stdin when `path` is empty or "-". Blank lines
+/// and words from '#' on are skipped; a UTF-8 byte-order mark before the first line is too. Every
+/// line of a file is checked before the first runs, so that a script with a usage error runs
+/// nothing; standard input runs line by line, as it comes.
+/// Stops at the first failure, which is rethrown located at its file and line.
+void runScript(const std::string& path, Session& session);
 
 }  // namespace kvx::cli

@@ -1,63 +1,66 @@
 #include "tools/Session.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
-#include <utility>
-
+#include "bringup/AgentCalls.h"
+#include "bringup/Error.h"
+#include "bringup/Target.h"
+#include "bringup/transfer/WorkerMessages.h"
+#include "bringup/transfer/Workers.h"
+#include "common/Programs.h"
 #include "common/SimulatorProcess.h"
 #include "tools/CommandLine.h"
-#include "tools/Failure.h"
-#include "tools/Output.h"
-#include "tools/Target.h"
+#include "tools/Interrupt.h"
+#include "tools/output/Output.h"
 
 namespace kvx::cli {
 namespace {
 
-/// Whether `host` names this machine: a loopback address or "localhost".
-bool isLoopback(const std::string& host) {
-  in_addr v4{};
-  in6_addr v6{};
-  if (::inet_pton(AF_INET, host.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
-  if (::inet_pton(AF_INET6, host.c_str(), &v6) == 1) return IN6_IS_ADDR_LOOPBACK(&v6);
-  return host == "localhost";
-}
+/// The name of the process that kvx-ta asks the plug-in for.
+const char* const kProcessName = "kvx-ta";
 
 }  // namespace
 
-Session::Session(const Invocation& invocation, Output& output, std::string simulatorPath)
+Session::Session(const Invocation& invocation, Output& output)
     : m_server(invocation.server),
       m_simulatorOptions(invocation.simulatorOptions),
       m_force(invocation.force),
+      m_worker(invocation.output.worker),
       m_jobs(invocation.jobs),
       m_timeoutMs(invocation.timeoutMs),
-      m_output(output),
-      m_simulatorPath(std::move(simulatorPath)) {}
+      m_output(output) {
+  if (invocation.trace) {
+    bringup::observeAgentCalls([&output](const bringup::AgentCall& call) { output.trace(call); });
+  }
+}
 
 Session::~Session() {
   m_target.reset();
   m_embedded.reset();
+  bringup::observeAgentCalls(nullptr);
 }
+
+std::string Session::simulatorPath() const { return common::besideThisProgram("kvx-agent-sim"); }
 
 unsigned Session::jobsFor(uint64_t length) const {
-  // Measured (docs/performance.md): against an agent 200 us away four workers move 3.1 times as
-  // much as one, eight 5.9 times; on loopback extra workers share the CPUs with the agent and
-  // gain little or lose. A short transfer is not worth starting workers for.
-  constexpr unsigned kRemoteJobs = 4;
-  constexpr uint64_t kParallelFrom = 64 * 1024;
+  // A worker does its part alone.
+  if (m_worker) return 1;
   if (m_jobs) return *m_jobs;
-  return length >= kParallelFrom && m_server && !isLoopback(m_server->host) ? kRemoteJobs : 1;
+  return m_server ? bringup::defaultJobs(m_server->host, length) : 1;
 }
 
-std::vector<std::string> Session::workerOptions() {
-  std::vector<std::string> options{"--worker", "--server", agentEndpoint().text()};
-  if (m_timeoutMs) options.insert(options.end(), {"--timeout", std::to_string(*m_timeoutMs)});
-  if (m_force) options.push_back("--force");
-  return options;
+bringup::Transfer Session::transfer(bringup::Progress& progress, uint64_t length) {
+  bringup::Transfer::Options options;
+  options.force = m_force;
+  options.jobs = jobsFor(length);
+  if (options.jobs > 1) {
+    options.workers = bringup::WorkerLaunch{common::thisProgram(),
+                                            bringup::workerOptions(agentEndpoint(), m_timeoutMs, m_force)};
+  }
+  return bringup::Transfer([this]() -> bringup::Target& { return target(); }, progress, &interrupt::check,
+                           options);
 }
 
-Target& Session::target() {
-  if (!m_target) m_target = std::make_unique<Target>(agentEndpoint());
+bringup::Target& Session::target() {
+  if (!m_target) m_target = std::make_unique<bringup::Target>(agentEndpoint(), kProcessName);
   return *m_target;
 }
 
@@ -67,9 +70,11 @@ common::Endpoint Session::agentEndpoint() {
     std::vector<std::string> options{"--quiet"};
     options.insert(options.end(), m_simulatorOptions.begin(), m_simulatorOptions.end());
     try {
-      m_embedded = std::make_unique<common::SimulatorProcess>(m_simulatorPath, options);
+      m_embedded = std::make_unique<common::SimulatorProcess>(simulatorPath(), options,
+                                                              common::SimulatorProcess::Stderr::kCapture);
     } catch (const std::runtime_error& failure) {
-      throw Failure("cannot start the simulated agent", failure.what());
+      throw bringup::Error(bringup::Error::Kind::kConnection, "cannot start the simulated agent",
+                           failure.what());
     }
     const std::string where = m_embedded->endpoint().text();
     m_output.info("started kvx-agent-sim on " + where, {{"simulator", where}});

@@ -11,58 +11,66 @@
 #include <string>
 #include <vector>
 
+#include "bringup/transfer/Transfer.h"
 #include "common/Endpoint.h"
 
 namespace kvx::common {
 class SimulatorProcess;
 }  // namespace kvx::common
 
+namespace kvx::bringup {
+class Target;
+}  // namespace kvx::bringup
+
 namespace kvx::cli {
 
 class Output;
-class Target;
 struct Invocation;
 
 class Session {
  public:
   /// The agent is the one --server names; without one, the first use of target() starts the
-  /// simulator at `simulatorPath` with the --sim-option options and announces it. Results and
-  /// messages go to `output`, which must outlive the session.
-  Session(const Invocation& invocation, Output& output, std::string simulatorPath);
+  /// simulator beside this program with the --sim-option options and announces it. Results and
+  /// messages go to `output`, which must outlive the session. With --trace, every agent call from
+  /// now on goes to `output` too.
+  Session(const Invocation& invocation, Output& output);
   /// Closes the target, then stops the simulator.
   ~Session();
 
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// The target, opened on the first call. Throws Failure when the simulator cannot be started
-  /// or the agent cannot be reached.
-  Target& target();
-
+  /// The target, opened on the first call. Throws Error when the simulator cannot be started or
+  /// the agent cannot be reached.
+  bringup::Target& target();
   Output& output() { return m_output; }
-  /// Whether --force allows transfers above the sane bound.
-  bool force() const { return m_force; }
-  /// How many workers a transfer of `length` bytes uses: --jobs, or kvx-ta's choice.
-  unsigned jobsFor(uint64_t length) const;
+
+  /// A transfer of `length` bytes on this session's target, reporting to `progress` and stopped
+  /// by Ctrl-C: in this process, or split between workers as --jobs (or kvx-ta's choice) says.
+  bringup::Transfer transfer(bringup::Progress& progress, uint64_t length);
+
   /// The agent's endpoint; without --server, the embedded simulator's, started on first use.
   common::Endpoint agentEndpoint();
-  /// The global options of a worker on this session's agent.
-  std::vector<std::string> workerOptions();
+  /// Whether --force allows transfers above the sane bound.
+  bool force() const { return m_force; }
   /// Whether --server named the agent.
   bool hasServer() const { return m_server.has_value(); }
-  const std::string& simulatorPath() const { return m_simulatorPath; }
+  /// The kvx-agent-sim beside this program.
+  std::string simulatorPath() const;
 
  private:
+  unsigned jobsFor(uint64_t length) const;
+
   std::optional<common::Endpoint> m_server;
   std::vector<std::string> m_simulatorOptions;
   bool m_force;
+  bool m_worker;
   std::optional<unsigned> m_jobs;
   std::optional<unsigned> m_timeoutMs;
   Output& m_output;
-  std::string m_simulatorPath;
   // Declared in this order so that the target goes before the agent it talks to.
   std::unique_ptr<common::SimulatorProcess> m_embedded;
-  std::unique_ptr<Target> m_target;
+  std::unique_ptr<bringup::Target> m_target;
 };
 
 }  // namespace kvx::cli

@@ -1,79 +1,83 @@
 // kvx-ta: a command-line host for the KVX target-access plug-in. It loads the plug-in as a
-// debugger host does and reads and writes a target through it.
+// debugger host does and reads and writes a target through it, by way of the bring-up library.
 
+#include <cstdlib>
 #include <exception>
-#include <iostream>
 
+#include "bringup/Error.h"
 #include "common/AgentTimeout.h"
-#include "common/SimulatorProcess.h"
 #include "tools/CommandLine.h"
-#include "tools/Commands.h"
-#include "tools/Failure.h"
+#include "tools/CommandTable.h"
 #include "tools/Help.h"
 #include "tools/Interrupt.h"
 #include "tools/Logging.h"
-#include "tools/Output.h"
 #include "tools/Session.h"
-#include "tools/UsageError.h"
-#include "vorn/Exception.h"
+#include "tools/output/Output.h"
 
 namespace {
 
 using namespace kvx::cli;
+using kvx::bringup::Error;
 
-constexpr int kFailed = 1;
-constexpr int kUsage = 2;
+/// The exit status of a failure of `kind`.
+int exitStatus(Error::Kind kind) {
+  switch (kind) {
+    case Error::Kind::kUsage:
+      return 2;
+    case Error::Kind::kInterrupted:
+      return 130;
+    case Error::Kind::kTarget:
+    case Error::Kind::kConnection:
+    case Error::Kind::kFile:
+      break;
+  }
+  return 1;
+}
+
+/// The status of a program that a closed pipe ended, as a shell reports it (128 + SIGPIPE).
+constexpr int kReaderGone = 141;
 
 void run(const Invocation& invocation, Output& output) {
   if (invocation.version) {
     output.text(std::string("kvx-ta ") + KVX_TA_VERSION + "\n");
     return;
   }
-  if (invocation.help || invocation.command.empty()) {
-    if (invocation.command.empty() && !invocation.help)
-      throw UsageError("no command given (try 'kvx-ta --help')");
-    Help::program(std::cout);
+  if (invocation.help) {
+    output.text(help::program());
     return;
   }
+  if (invocation.command.empty()) throw kvx::bringup::usageError("no command given (try 'kvx-ta --help')");
   // Checked before logging is set up and anything is started.
-  const Action action =
-      Commands::parse(invocation.command, invocation.arguments, Commands::Context::kCommandLine);
-  Logging::configure(invocation.logConfig);
-  if (invocation.timeoutMs)
+  const Action action = parseCommand(invocation.command, invocation.arguments, CommandContext::kCommandLine);
+  configureLogging(invocation.logConfig);
+  if (invocation.timeoutMs) {
     ::setenv(kvx::common::kAgentTimeoutVariable, std::to_string(*invocation.timeoutMs).c_str(), 1);
-  Interrupt::install();
-  Session session(invocation, output, kvx::common::SimulatorProcess::besideThisProgram());
+  }
+  interrupt::install();
+  Session session(invocation, output);
   action(session);
 }
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  Invocation invocation;
-  try {
-    invocation = CommandLine::parse(argc, argv);
-  } catch (const UsageError& error) {
-    std::cerr << "kvx-ta: " << Output::printable(error.what()) << '\n';
-    return kUsage;
-  }
-  Output output(invocation.output);
+  Output output;
   // run() owns the session: a failure unwinds it, stopping an embedded simulator, before its
   // message is printed here.
   try {
+    const Invocation invocation = CommandLine::parse(argc, argv);
+    output.configure(invocation.output);
     run(invocation, output);
     output.finish();
     return 0;
-  } catch (const UsageError& error) {
-    output.failure(error.what(), output.options().json ? "usage" : "", "");
-    return kUsage;
-  } catch (const Failure& failure) {
-    output.failure(failure.attempted(), failure.reason(), failure.detail());
-    return kFailed;
-  } catch (const vorn::Exception& error) {
-    output.failure(error.getMessage(), "", error.getFile() + ":" + std::to_string(error.getLine()));
-    return kFailed;
-  } catch (const std::exception& error) {
-    output.failure(error.what(), "", "");
-    return kFailed;
+  } catch (const Error& failure) {
+    if (output.readerGone()) return kReaderGone;
+    output.failure(failure);
+    return exitStatus(failure.kind());
+  } catch (const std::exception& bug) {
+    // Everything that kvx-ta expects to fail is an Error; anything else is a fault of its own.
+    output.failure(
+        Error(Error::Kind::kTarget, "kvx-ta failed", std::string("internal error: ") + bug.what()));
+    return 1;
   }
 }

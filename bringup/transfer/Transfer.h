@@ -1,0 +1,91 @@
+// What every transfer runs in, and how it moves a range: its target, opened on first use (a
+// transfer whose work all goes to workers opens none), who watches it (Progress), and who may
+// stop it (a checkpoint, called before every access, that throws Error(kInterrupted) to stop).
+// A range goes in accesses as Ranges.h cuts it, each made once and never retried.
+//
+// Single-threaded: one transfer runs on one thread. The front end owns what it refers to.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "bringup/Ranges.h"
+#include "bringup/transfer/Progress.h"
+
+namespace kvx::bringup {
+
+class Target;
+
+/// How to start a worker: the kvx-ta program and the global options that put it on the
+/// transfer's agent, in worker mode.
+struct WorkerLaunch {
+  std::string program;
+  std::vector<std::string> options;
+};
+
+/// The most bytes a transfer moves unless forced: a mistyped length must not run for hours.
+constexpr uint64_t kLargestUnforced = uint64_t{256} << 20;
+/// Throws a usage Error when `length` is above kLargestUnforced and `force` is not set.
+void checkTransferBound(uint64_t length, bool force);
+
+class Transfer {
+ public:
+  /// Receives the bytes read, in address order, one access at a time.
+  using Sink = std::function<void(const uint8_t* bytes, size_t count)>;
+  /// Fills `bytes` with the `count` bytes of the range that start `offset` bytes into it.
+  using Source = std::function<void(uint64_t offset, uint8_t* bytes, size_t count)>;
+
+  /// Where the target differed from what was expected.
+  struct Mismatch {
+    uint64_t address;
+    uint8_t expected;
+    uint8_t found;
+  };
+
+  struct Options {
+    /// Worker processes that share the work; 1: this process alone.
+    unsigned jobs = 1;
+    /// How to start them; required for jobs > 1.
+    std::optional<WorkerLaunch> workers;
+    /// Transfers above kLargestUnforced are allowed.
+    bool force = false;
+  };
+
+  /// `target` opens the target when first called; `checkpoint`, when set, runs before every
+  /// access and between the waits of workers.
+  Transfer(std::function<Target&()> target, Progress& progress, std::function<void()> checkpoint,
+           Options options);
+
+  Target& target() { return m_target(); }
+  Progress& progress() { return m_progress; }
+  const Options& options() const { return m_options; }
+  /// Throws to stop the transfer when the front end says so.
+  void checkpoint() const;
+
+  /// Reads `range` into `sink`.
+  void read(const Range& range, const Sink& sink);
+  /// Writes `range` from `source`.
+  void write(const Range& range, const Source& source);
+  /// Reads `range` and stops at the first byte that differs from `source`.
+  std::optional<Mismatch> verify(const Range& range, const Source& source);
+
+  /// Throws a usage Error when `length` is above kLargestUnforced and the options do not force it.
+  void checkBound(uint64_t length) const { checkTransferBound(length, m_options.force); }
+
+ private:
+  /// Calls `access(offset, size)` for each access of `range`, in address order, until it returns
+  /// false.
+  template <typename Access>
+  void eachAccess(const Range& range, Access access);
+
+  std::function<Target&()> m_target;
+  Progress& m_progress;
+  std::function<void()> m_checkpoint;
+  Options m_options;
+};
+
+}  // namespace kvx::bringup
