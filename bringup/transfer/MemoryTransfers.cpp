@@ -1,12 +1,7 @@
 #include "bringup/transfer/MemoryTransfers.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <thread>
 
@@ -15,6 +10,7 @@
 #include "bringup/Error.h"
 #include "bringup/Numbers.h"
 #include "bringup/Target.h"
+#include "bringup/file/ScratchFile.h"
 #include "bringup/transfer/WorkerMessages.h"
 #include "bringup/transfer/Workers.h"
 
@@ -26,35 +22,6 @@ constexpr std::chrono::milliseconds kLongestNap(50);
 
 bool parallel(const Transfer& transfer) { return transfer.options().jobs > 1; }
 
-/// A file that takes the parts of a range in any order and gives them back in address order.
-class ScratchFile {
- public:
-  ScratchFile() : m_file(std::tmpfile(), std::fclose) {
-    if (!m_file) throw fileError("create", "a scratch file", errno);
-  }
-  void writeAt(uint64_t offset, const uint8_t* bytes, size_t size) {
-    if (::pwrite(::fileno(m_file.get()), bytes, size, static_cast<off_t>(offset)) !=
-        static_cast<ssize_t>(size)) {
-      throw fileError("write", "a scratch file", errno);
-    }
-  }
-  void readOut(uint64_t length, const Transfer::Sink& sink) {
-    std::vector<uint8_t> chunk(64 * 1024);
-    for (uint64_t done = 0; done < length;) {
-      const size_t size = static_cast<size_t>(std::min<uint64_t>(chunk.size(), length - done));
-      if (::pread(::fileno(m_file.get()), chunk.data(), size, static_cast<off_t>(done)) !=
-          static_cast<ssize_t>(size)) {
-        throw fileError("read", "a scratch file", errno);
-      }
-      sink(chunk.data(), size);
-      done += size;
-    }
-  }
-
- private:
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> m_file;
-};
-
 }  // namespace
 
 void dump(Transfer& transfer, const Range& range, const Transfer::Sink& sink) {
@@ -63,20 +30,21 @@ void dump(Transfer& transfer, const Range& range, const Transfer::Sink& sink) {
     transfer.read(range, sink);
     return;
   }
+  // The parts arrive at once and in any order; the sink takes them in address order.
   const std::vector<Range> parts = splitRange(range, transfer.options().jobs);
   std::vector<uint64_t> received(parts.size(), 0);
-  ScratchFile scratch;
+  ScratchFile inOrder(sink);
   runWorkers(transfer, parts, dumpPartCommand, [&](size_t index, const uint8_t* bytes, size_t size) {
-    scratch.writeAt(parts[index].address - range.address + received[index], bytes, size);
+    if (size > parts[index].length - received[index]) {
+      throw Error(Error::Kind::kTarget, "cannot read " + parts[index].text(),
+                  "its worker delivered too many bytes");
+    }
+    inOrder.writeAt(parts[index].address - range.address + received[index], bytes, size);
     received[index] += size;
   });
-  for (size_t index = 0; index < parts.size(); ++index) {
-    if (received[index] != parts[index].length) {
-      throw Error(Error::Kind::kTarget, "cannot read " + parts[index].text(),
-                  "its worker delivered too few bytes");
-    }
+  if (inOrder.delivered() != range.length) {
+    throw Error(Error::Kind::kTarget, "cannot read " + range.text(), "a worker delivered too few bytes");
   }
-  scratch.readOut(range.length, sink);
 }
 
 void fill(Transfer& transfer, const Range& range, const std::vector<uint8_t>& pattern) {

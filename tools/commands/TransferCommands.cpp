@@ -7,9 +7,9 @@
 #include "bringup/Error.h"
 #include "bringup/Numbers.h"
 #include "bringup/Ranges.h"
+#include "bringup/file/OutputFile.h"
 #include "bringup/transfer/MemoryTransfers.h"
 #include "bringup/transfer/WorkerMessages.h"
-#include "tools/OutputFile.h"
 #include "tools/Session.h"
 #include "tools/commands/Commands.h"
 #include "tools/commands/TransferReport.h"
@@ -36,26 +36,32 @@ Action buildDump(const Arguments& arguments) {
   if (path && path->empty()) throw bringup::usageError("invalid output file '' (a path, or '-' for stdout)");
   return [=](Session& session) {
     Output& output = session.output();
-    // The file first: a path that cannot be written fails before the target is reached.
-    std::unique_ptr<OutputFile> file = path && *path != "-" ? std::make_unique<OutputFile>(*path) : nullptr;
+    // The file first: a path that cannot be written fails before the target is reached. What
+    // kvx-ta printed before goes out first, as the file's bytes may go to stdout too.
+    output.finish();
+    std::unique_ptr<bringup::OutputFile> file = path ? std::make_unique<bringup::OutputFile>(*path) : nullptr;
     // A bar on the terminal that shows the dump itself would be torn apart by its lines.
-    TerminalProgress progress(output, "dump", where.length, file != nullptr || ::isatty(STDOUT_FILENO) == 0);
+    const bool onTerminal = (!path || *path == "-") && ::isatty(STDOUT_FILENO) == 1;
+    TerminalProgress progress(output, "dump", where.length, !onTerminal);
     std::unique_ptr<HexDump> hexDump =
         path ? nullptr : std::make_unique<HexDump>(output, where.address, where.length);
     bringup::Transfer transfer = session.transfer(progress, where.length);
-    reportingProgress(progress, "read", where, transfer, [&] {
-      bringup::dump(transfer, where, [&](const uint8_t* bytes, size_t count) {
-        if (file) {
-          file->write(bytes, count);
-        } else if (hexDump) {
-          hexDump->append(bytes, count);
-        } else {
-          output.bytes(bytes, count);
-        }
+    try {
+      reportingProgress(progress, "read", where, transfer, [&] {
+        bringup::dump(transfer, where, [&](const uint8_t* bytes, size_t count) {
+          if (file) {
+            file->write(bytes, count);
+          } else {
+            hexDump->append(bytes, count);
+          }
+        });
       });
-    });
-    if (hexDump) hexDump->finish();
-    if (file) file->commit();
+      if (hexDump) hexDump->finish();
+      if (file) file->commit();
+    } catch (const bringup::Error& failure) {
+      if (!file || failure.kind() == bringup::Error::Kind::kUsage) throw;
+      throw failure.explained("; " + file->leftBehind(where.length));
+    }
     progress.finish();
   };
 }
