@@ -22,10 +22,13 @@ class Error : public std::runtime_error {
     kInterrupted,  ///< a signal stopped the operation
   };
 
-  /// The agent call that failed: its name ("io_read") and the status it returned.
+  /// The agent call that failed: its name ("io_read"), the status it returned, and what it was
+  /// asked to reach: the address of a memory access, the name of a register.
   struct AgentCall {
     std::string name;
     int32_t status = 0;
+    std::optional<uint64_t> address;
+    std::optional<std::string> registerName;
   };
 
   /// Where in a script the failed command stands.

@@ -49,9 +49,10 @@ Target::Target(const common::Endpoint& endpoint, const std::string& processName)
   if (!m_process) throw Error(Error::Kind::kConnection, attempted, "the plug-in gave no KVX process");
   const std::vector<std::string> spaces = vorn::TaProcessKVX::memorySpaces();
   m_memorySpace = spaces.empty() ? kFallbackMemorySpace : spaces.front();
-  // The session opens now, so that an agent that is not there is reported as such rather than as
-  // the failure of whatever access comes first. A switch ends with start_session; without a
-  // switch the session is this endpoint's already.
+}
+
+void Target::open() {
+  // A switch ends with start_session; without a switch the session is this endpoint's already.
   const uint64_t mark = lastAgentCall().sequence;
   {
     std::shared_lock<std::shared_mutex> shared(reservationLock());
@@ -59,7 +60,7 @@ Target::Target(const common::Endpoint& endpoint, const std::string& processName)
   }
   const AgentCall& call = lastAgentCall();
   if (call.sequence != mark && call.function == AgentFunction::kStartSession && call.status != 0) {
-    throw agentFailure(attempted, context(), "");
+    throw agentFailure("cannot open a session with the agent at " + m_endpoint.text(), context(), "");
   }
 }
 
@@ -75,8 +76,14 @@ Error Target::agentFailure(const std::string& attempted, const CallContext& cont
                            const std::string& detail) const {
   const AgentCall& call = lastAgentCall();
   const FailureReason reason = failureReason(call, context, agentLibrary());
-  return Error(reason.kind, attempted, reason.text, detail,
-               Error::AgentCall{functionName(call.function), call.status});
+    Error::AgentCall failed{functionName(call.function), call.status, std::nullopt, std::nullopt};
+  if (call.function == AgentFunction::kIoRead || call.function == AgentFunction::kIoWrite) {
+    failed.address = call.arguments[0];
+  }
+  if (call.function == AgentFunction::kRegRead || call.function == AgentFunction::kRegWrite) {
+    failed.registerName = context.registerName;
+  }
+  return Error(reason.kind, attempted, reason.text, detail, failed);
 }
 
 template <typename Access>

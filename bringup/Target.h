@@ -31,9 +31,8 @@ namespace kvx::bringup {
 
 class Target {
  public:
-  /// Admits a configuration for `endpoint`, obtains its process under `processName` and opens
-  /// its agent session. Throws Error (kConnection) when the plug-in declines or the session
-  /// cannot be opened, saying why.
+  /// Admits a configuration for `endpoint` and obtains its process under `processName`; opens no
+  /// session. Throws Error (kConnection) when the plug-in declines.
   Target(const common::Endpoint& endpoint, const std::string& processName);
   /// Unregisters the client. Makes no agent call: the session stays open.
   ~Target();
@@ -42,6 +41,12 @@ class Target {
   Target& operator=(const Target&) = delete;
 
   const common::Endpoint& endpoint() const { return m_endpoint; }
+
+  /// Makes this endpoint's session the open one now, so that an agent that is not there is
+  /// reported as such rather than as the failure of whatever access comes first. Throws Error
+  /// (kConnection) when the session cannot be opened, saying why. Without it, the first access
+  /// opens the session.
+  void open();
 
   // Every operation below throws Error when the agent refuses or is gone, saying why.
 

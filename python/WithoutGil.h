@@ -9,6 +9,9 @@
 
 namespace kvx::python {
 
+/// Whether the interpreter has begun to shut down; safe without the lock.
+bool interpreterFinalizing();
+
 namespace detail {
 /// Takes the lock back; at interpreter shutdown it waits for the process's exit instead.
 void retakeGil(PyThreadState* state);

@@ -60,7 +60,11 @@ bringup::Transfer Session::transfer(bringup::Progress& progress, uint64_t length
 }
 
 bringup::Target& Session::target() {
-  if (!m_target) m_target = std::make_unique<bringup::Target>(agentEndpoint(), kProcessName);
+  if (!m_target) {
+    auto target = std::make_unique<bringup::Target>(agentEndpoint(), kProcessName);
+    target->open();
+    m_target = std::move(target);
+  }
   return *m_target;
 }
 

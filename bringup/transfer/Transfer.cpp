@@ -13,6 +13,18 @@ Transfer::Transfer(std::function<Target&()> target, Progress& progress, std::fun
       m_checkpoint(std::move(checkpoint)),
       m_options(std::move(options)) {}
 
+void Transfer::advance(uint64_t bytes) {
+  m_moved += bytes;
+  m_progress.advance(bytes);
+}
+
+Error Transfer::howFar(const Error& failure, const char* verb, const Range& range) const {
+  std::string note = "; " + std::to_string(m_moved) + " of " + byteCount(range.length) + " were " + verb;
+  if (m_moved != 0 && m_options.jobs == 1) note += ", up to " + hexAddress(range.address + m_moved - 1);
+  if (m_moved != 0 && m_options.jobs > 1) note += " by " + std::to_string(m_options.jobs) + " workers";
+  return failure.explained(note);
+}
+
 void Transfer::checkpoint() const {
   if (m_checkpoint) m_checkpoint();
 }
@@ -24,7 +36,7 @@ void Transfer::eachAccess(const Range& range, Access access) {
     const unsigned size = accessSizeAt(range.address + done, range.length - done);
     if (!access(done, size)) return;
     done += size;
-    m_progress.advance(size);
+    advance(size);
   }
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bringup/Error.h"
 #include "bringup/Ranges.h"
 #include "bringup/transfer/Progress.h"
 
@@ -61,7 +62,10 @@ class Transfer {
            Options options);
 
   Target& target() { return m_target(); }
-  Progress& progress() { return m_progress; }
+  /// Counts `bytes` more as moved, and tells the progress.
+  void advance(uint64_t bytes);
+  /// The bytes moved so far, by this process and its workers.
+  uint64_t moved() const { return m_moved; }
   const Options& options() const { return m_options; }
   /// Throws to stop the transfer when the front end says so.
   void checkpoint() const;
@@ -73,6 +77,12 @@ class Transfer {
   /// Reads `range` and stops at the first byte that differs from `source`.
   std::optional<Mismatch> verify(const Range& range, const Source& source);
 
+  /// Runs `work`, which moves `range`; a failure other than a usage error gains how far it got:
+  /// "; N of M bytes were VERB" and, when this process moved them in address order, up to which
+  /// address, so that the user knows what the target holds now.
+  template <typename Work>
+  void reportingHowFar(const char* verb, const Range& range, Work work);
+
   /// Throws a usage Error when `length` is above kLargestUnforced and the options do not force it.
   void checkBound(uint64_t length) const { checkTransferBound(length, m_options.force); }
 
@@ -82,10 +92,24 @@ class Transfer {
   template <typename Access>
   void eachAccess(const Range& range, Access access);
 
+  /// The failure `failure` of the transfer of `range`, with how far it got.
+  Error howFar(const Error& failure, const char* verb, const Range& range) const;
+
   std::function<Target&()> m_target;
   Progress& m_progress;
+  uint64_t m_moved = 0;
   std::function<void()> m_checkpoint;
   Options m_options;
 };
+
+template <typename Work>
+void Transfer::reportingHowFar(const char* verb, const Range& range, Work work) {
+  try {
+    work();
+  } catch (const Error& failure) {
+    if (failure.kind() == Error::Kind::kUsage) throw;
+    throw howFar(failure, verb, range);
+  }
+}
 
 }  // namespace kvx::bringup

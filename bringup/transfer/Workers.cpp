@@ -29,8 +29,8 @@ constexpr std::chrono::milliseconds kCheckpointInterval(50);
 /// One worker process: reads its stdout into the output and its stderr for progress and failure.
 class Worker {
  public:
-  Worker(boost::asio::io_context& io, size_t index, Progress& progress, const WorkerOutput& output)
-      : m_out(io), m_err(io), m_index(index), m_progress(progress), m_output(output) {}
+  Worker(boost::asio::io_context& io, size_t index, Transfer& transfer, const WorkerOutput& output)
+      : m_out(io), m_err(io), m_index(index), m_transfer(transfer), m_output(output) {}
 
   void start(boost::asio::io_context& io, const std::string& program,
              const std::vector<std::string>& arguments) {
@@ -76,7 +76,7 @@ class Worker {
                             for (size_t end; (end = m_errLine.find('\n')) != std::string::npos;) {
                               WorkerMessage message = parseWorkerMessage(m_errLine.substr(0, end));
                               m_errLine.erase(0, end + 1);
-                              if (message.progress) m_progress.advance(*message.progress);
+                              if (message.progress) m_transfer.advance(*message.progress);
                               if (message.failure && !m_failure) m_failure = std::move(message.failure);
                             }
                             if (!error) readErr();
@@ -87,7 +87,7 @@ class Worker {
   bp::async_pipe m_err;
   bp::child m_child;
   size_t m_index;
-  Progress& m_progress;
+  Transfer& m_transfer;
   const WorkerOutput& m_output;
   std::array<uint8_t, 64 * 1024> m_outBuffer{};
   std::array<char, 4096> m_errBuffer{};
@@ -132,7 +132,7 @@ void runWorkers(Transfer& transfer, const std::vector<Range>& parts,
     std::vector<std::string> arguments = launch.options;
     const std::vector<std::string> words = command(parts[index]);
     arguments.insert(arguments.end(), words.begin(), words.end());
-    workers.push_back(std::make_unique<Worker>(io, index, transfer.progress(), output));
+    workers.push_back(std::make_unique<Worker>(io, index, transfer, output));
     workers.back()->start(io, launch.program, arguments);
   }
   // The loop ends when every pipe is at its end and every worker has exited; a failure stops

@@ -1,9 +1,13 @@
 """The ta_kvx package against kvx-agent-sim: what Python adds to the plug-in, each fault once."""
 
+import os
+import re
+import signal
 import subprocess
 import sys
 import threading
 import time
+import zlib
 
 import pytest
 
@@ -22,32 +26,84 @@ def test_memory_round_trips_through_the_fixture(kvx_target):
     assert kvx_target.read(0x2000, 8) == bytes.fromhex("efcdab8967452301")  # little-endian
 
 
-def test_registers_reservations_and_admission(kvx_target):
-    kvx_target.registers["pc"] = 0x401000
-    assert kvx_target.registers["pc"] == 0x401000
-    with pytest.raises(TargetError) as unknown:
-        kvx_target.registers["no-such-register"]
-    assert (unknown.value.register, unknown.value.address) == ("no-such-register", None)
+def test_registers_are_a_mapping_from_the_description(kvx_target):
+    registers = kvx_target.registers
+    registers["pc"] = 0x401000
+    assert registers["pc"] == 0x401000
+    assert "pc" in registers and "no-such-register" not in registers
+    assert len(registers) == len(list(registers)) == 68
+    assert dict(registers)["pc"] == 0x401000 and registers.get("no-such-register") is None
+    assert Target.register_widths["ps"] == 32
+    with pytest.raises(KeyError, match="no register called 'no-such-register'"):
+        registers["no-such-register"]
 
+
+def test_reservations_and_admission(kvx_target):
     block = kvx_target.reserve(64)
     assert kvx_target.unreserve(block) is True
     assert kvx_target.unreserve(block) is False
     kvx_target.reserve(16)
-    assert kvx_target.unreserve_all() is True
+    kvx_target.unreserve_all()
 
     assert ta_kvx.admission({"TaType": "KVX", "ServerPort": 1}) == ta_kvx.TA_METHOD_SERVED
     assert ta_kvx.admission({"Target Access Method": ["other"]}) == ta_kvx.TA_METHOD_NOT_SERVED
     assert ta_kvx.admission({"ServerPort": 1}) == ta_kvx.TA_METHOD_MISSING
 
 
-def test_refused_access_raises_with_the_address():
+def test_failures_say_why_from_the_agent_call_that_failed():
     with Simulator(deny=[(0xDEAD0000, 0x100)]) as simulator:
         target = Target(simulator.host, simulator.port)
         with pytest.raises(TargetError) as refused:
             target.read_u32(0xDEAD0010)
-        assert refused.value.address == 0xDEAD0010
-        assert "dead0010" in refused.value.message
+        assert (refused.value.address, refused.value.call) == (0xDEAD0010, "io_read")
+        assert refused.value.reason.startswith("access denied")
+        assert "0xdead0010" in refused.value.message
         assert target.read_u32(0xDEAD0100) == 0  # the session survives a refusal
+        with pytest.raises(TargetError) as unknown:
+            target.read_register("r64")
+        assert (unknown.value.register, unknown.value.call) == ("r64", "reg_read")
+        assert "unknown register" in unknown.value.reason
+    with pytest.raises(TargetError) as unreachable:
+        Target("127.0.0.1", 1).read_u8(0)
+    assert "connection refused" in unreachable.value.reason and unreachable.value.status is not None
+
+
+def test_transfers_match_their_python_equivalents(kvx_target, tmp_path):
+    kvx_target.fill(0x1003, 1000, b"\x11\x22\x33", jobs=2)
+    expected = (b"\x11\x22\x33" * 334)[:1000]
+    assert kvx_target.read(0x1003, 1000) == expected
+    assert kvx_target.crc32(0x1003, 1000) == kvx_target.crc32(0x1003, 1000, jobs=3) == zlib.crc32(expected)
+    kvx_target.dump(0x1003, 1000, tmp_path / "dump.bin", jobs=3)
+    assert (tmp_path / "dump.bin").read_bytes() == expected
+    kvx_target.write_u16(0x40, 0x1234)
+    assert kvx_target.wait(0x40, 0x34, size=1, timeout_ms=100) == 0x34
+    with pytest.raises(TargetError, match="waited 50 ms for 0x0000ffff at 0x40"):
+        kvx_target.wait(0x40, 0xFFFF, timeout_ms=50, interval_ms=1000)
+
+
+def test_a_target_reaches_its_agent_again_after_a_restart_on_the_same_port():
+    with Simulator() as first:
+        target = Target(first.host, first.port)
+        target.write_u32(0x10, 7)
+        port = first.port
+    with Simulator(port=port) as second:
+        with pytest.raises(TargetError):
+            target.read_u32(0x10)  # the session died with the first agent
+        target.reconnect()
+        assert target.read_u32(0x10) == 0  # a new target: the new agent's memory
+        assert repr(target) == f"<ta_kvx.Target on 127.0.0.1:{second.port}>"
+
+
+def test_ctrl_c_stops_a_long_read_after_the_access_in_flight():
+    with Simulator(latency_us=200) as simulator:
+        target = Target(simulator.host, simulator.port)
+        timer = threading.Timer(0.2, os.kill, (os.getpid(), signal.SIGINT))
+        timer.start()
+        with pytest.raises(KeyboardInterrupt) as stopped:
+            target.read(0, 1 << 20)
+        timer.join()
+        done = int(re.search(r"; (\d+) of 1048576 bytes were read", str(stopped.value)).group(1))
+        assert 0 < done < 1 << 20
 
 
 @pytest.mark.parametrize(
@@ -58,8 +114,16 @@ def test_refused_access_raises_with_the_address():
         (lambda t: t.read(2**64 - 4, 8), ValueError, "length"),
         (lambda t: t.write_u8(0, 256), ValueError, "value"),
         (lambda t: t.write(0, "text"), TypeError, "data"),
-        (lambda t: t.registers[1], TypeError, "register name"),
+        (lambda t: t.read(True, 4), TypeError, "address"),
+        (lambda t: t.read(0, 2**63), ValueError, "length"),
+        (lambda t: t.write_u32(2**64 - 2, 1), ValueError, "address"),
+        (lambda t: t.read_u64(2**64 - 1), ValueError, "address"),
+        (lambda t: t.read_register("a\0b"), ValueError, "register name"),
+        (lambda t: t.reserve(0), ValueError, "size"),
+        (lambda t: t.fill(0, 8, b""), ValueError, "pattern"),
+        (lambda t: t.crc32(0, 8, jobs=0), ValueError, "jobs"),
         (lambda t: Target("127.0.0.1", 65536), ValueError, "port"),
+        (lambda t: Target("127.0.0.1", 0), ValueError, "port"),
         (lambda t: ta_kvx.admission({"ServerPort": 2**32}), ValueError, "ServerPort"),
         (lambda t: Simulator(deny=[(1, 2, 3)]), TypeError, "deny"),
     ],
@@ -128,9 +192,17 @@ def test_warning_of_the_plugin_arrives_in_logging(kvx_target, caplog):
     assert "more than 64 bits" in record.getMessage()
 
 
-def test_simulator_that_cannot_start_raises_with_its_stderr():
+def test_simulator_that_cannot_start_raises_with_its_stderr_and_a_stopped_one_stays_stopped():
     with pytest.raises(RuntimeError, match="--latency-us: at most 10 s"):
         Simulator(latency_us=20_000_000)
+    simulator = Simulator()
+    simulator.stop()
+    assert not simulator.running and "stopped" in repr(simulator)
+    with pytest.raises(RuntimeError, match="stopped"):
+        simulator.port
+    with pytest.raises(RuntimeError, match="stopped"):
+        with simulator:
+            pass
 
 
 def test_daemon_threads_in_the_plugin_let_the_interpreter_exit():

@@ -11,7 +11,7 @@ using bringup::Error;
 
 TEST(ErrorTest, MessageJoinsWhatWasAttemptedAndWhyAndContextKeepsTheRest) {
   const Error refused(Error::Kind::kTarget, "cannot read 4 bytes at 0x108", "access denied", "plug-in said",
-                      Error::AgentCall{"io_read", -12});
+                      Error::AgentCall{"io_read", -12, 0x108, std::nullopt});
   EXPECT_STREQ(refused.what(), "cannot read 4 bytes at 0x108: access denied");
   const Error inScript = refused.locatedAt("setup.kvx", 3).suffixed(" (the worker for 0x0-0xf)");
   EXPECT_STREQ(inScript.what(), "cannot read 4 bytes at 0x108 (the worker for 0x0-0xf): access denied");

@@ -12,7 +12,6 @@
 #include "bringup/transfer/WorkerMessages.h"
 #include "tools/Session.h"
 #include "tools/commands/Commands.h"
-#include "tools/commands/TransferReport.h"
 #include "tools/output/HexDump.h"
 #include "tools/output/Output.h"
 #include "tools/output/TerminalProgress.h"
@@ -47,7 +46,7 @@ Action buildDump(const Arguments& arguments) {
         path ? nullptr : std::make_unique<HexDump>(output, where.address, where.length);
     bringup::Transfer transfer = session.transfer(progress, where.length);
     try {
-      reportingProgress(progress, "read", where, transfer, [&] {
+      transfer.reportingHowFar("read", where, [&] {
         bringup::dump(transfer, where, [&](const uint8_t* bytes, size_t count) {
           if (file) {
             file->write(bytes, count);
@@ -72,7 +71,7 @@ Action buildFill(const Arguments& arguments) {
   return [=](Session& session) {
     TerminalProgress progress(session.output(), "fill", where.length);
     bringup::Transfer transfer = session.transfer(progress, where.length);
-    reportingProgress(progress, "written", where, transfer, [&] { bringup::fill(transfer, where, pattern); });
+    transfer.reportingHowFar("written", where, [&] { bringup::fill(transfer, where, pattern); });
     progress.finish();
   };
 }
@@ -84,7 +83,7 @@ Action buildCrc32(const Arguments& arguments) {
     TerminalProgress progress(output, "crc32", where.length);
     bringup::Transfer transfer = session.transfer(progress, where.length);
     uint32_t crc = 0;
-    reportingProgress(progress, "read", where, transfer, [&] { crc = bringup::crc32(transfer, where); });
+    transfer.reportingHowFar("read", where, [&] { crc = bringup::crc32(transfer, where); });
     progress.finish();
     if (output.options().worker) {
       output.text(bringup::crc32Message(crc));
