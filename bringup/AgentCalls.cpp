@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -217,7 +218,10 @@ const AgentLibrary& agentLibrary() {
     Dl_info info{};
     const auto ioRead = reinterpret_cast<const void*>(nextAgent().ioRead);
     if (ioRead != nullptr && ::dladdr(ioRead, &info) != 0 && info.dli_fname != nullptr) {
-      found.path = info.dli_fname;
+      // As the user would name it: "bin/../lib/" as "lib/".
+      char* resolved = ::realpath(info.dli_fname, nullptr);
+      found.path = resolved != nullptr ? resolved : info.dli_fname;
+      std::free(resolved);
     }
     found.known = ioRead != nullptr && buildIdAt(ioRead) == kStandInBuildId;
     return found;
