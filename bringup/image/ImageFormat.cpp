@@ -1,5 +1,9 @@
 #include "bringup/image/ImageFormat.h"
 
+#include <vector>
+
+#include "bringup/Text.h"
+
 namespace kvx::bringup {
 namespace {
 
@@ -38,13 +42,9 @@ std::optional<ImageFormat> parseFormat(const std::string& name) {
 }
 
 std::string formatNames() {
-  std::string names;
-  const size_t count = sizeof kFormats / sizeof kFormats[0];
-  for (size_t i = 0; i < count; ++i) {
-    if (i != 0) names += i + 1 == count ? " or " : ", ";
-    names += kFormats[i].name;
-  }
-  return names;
+  std::vector<std::string> names;
+  for (const auto& known : kFormats) names.push_back(known.name);
+  return listing(names, "or");
 }
 
 }  // namespace kvx::bringup
