@@ -40,13 +40,13 @@ TEST_F(ElfImageTest, SegmentsGoToTheirPhysicalOrVirtualAddressesMovedByTheOffset
 }
 
 TEST_F(ElfImageTest, AnElfFileThatLoadsNothingIsAFileErrorSayingWhatItFound) {
-  ElfSpec relocatable;
+  ElfLayout relocatable;
   relocatable.type = ET_REL;
-  ElfSpec noLoad;
+  ElfLayout noLoad;
   noLoad.segments = {{PT_NOTE, 0, 0, "note"}, {PT_DYNAMIC, 0, 0, "dyn"}};
-  ElfSpec onlyBss;
+  ElfLayout onlyBss;
   onlyBss.segments = {{PT_LOAD, 0x1000, 0x1000, ""}};
-  for (const auto& [spec, reason] : {
+  for (const auto& [layout, reason] : {
            std::pair{relocatable,
                      "it is a relocatable object file (ET_REL): nothing in it has an address until it is "
                      "linked, so "
@@ -56,7 +56,7 @@ TEST_F(ElfImageTest, AnElfFileThatLoadsNothingIsAFileErrorSayingWhatItFound) {
            std::pair{onlyBss,
                      "its PT_LOAD segments hold no bytes of the file, only memory for the program to clear"},
        }) {
-    const std::string path = file("empty.elf", elfFile(spec));
+    const std::string path = file("empty.elf", elfFile(layout));
     const Error error = errorOf([&] { open(path); });
     EXPECT_EQ(error.kind(), Error::Kind::kFile) << "case: " << reason;
     EXPECT_EQ(error.what(), "cannot read '" + path + "' as ELF: " + reason);
@@ -64,10 +64,10 @@ TEST_F(ElfImageTest, AnElfFileThatLoadsNothingIsAFileErrorSayingWhatItFound) {
 }
 
 TEST_F(ElfImageTest, OverlappingSegmentsAreRefusedSuggestingVirtualAddressesWhenTheyWouldNotOverlapThere) {
-  ElfSpec spec;
-  spec.segments = {
+  ElfLayout layout;
+  layout.segments = {
       {PT_LOAD, 0x2000, 0x2000, "other"}, {PT_LOAD, 0, 0x80000000, "text"}, {PT_LOAD, 0, 0x80001000, "data"}};
-  const std::string path = file("zero.elf", elfFile(spec));
+  const std::string path = file("zero.elf", elfFile(layout));
   EXPECT_EQ(
       errorOf([&] { open(path); }).reason(),
       "segment 1 at 0x0-0x3 and segment 2 at 0x0-0x3 overlap; at their virtual addresses (p_vaddr) they do "
@@ -75,8 +75,8 @@ TEST_F(ElfImageTest, OverlappingSegmentsAreRefusedSuggestingVirtualAddressesWhen
   ImageOptions byVirtual;
   byVirtual.virtualAddresses = true;
   EXPECT_EQ(bytesOf(*open(path, byVirtual)).count(0x80001003), 1u);
-  spec.segments[2].virtualAddress = 0x80000002;
-  EXPECT_EQ(errorOf([&] { open(file("both.elf", elfFile(spec)), byVirtual); }).reason(),
+  layout.segments[2].virtualAddress = 0x80000002;
+  EXPECT_EQ(errorOf([&] { open(file("both.elf", elfFile(layout)), byVirtual); }).reason(),
             "segment 1 at 0x80000000-0x80000003 and segment 2 at 0x80000002-0x80000005 overlap");
 }
 

@@ -21,8 +21,8 @@ class ElfSymbolsTest : public ImageFilesTest {
  protected:
   void SetUp() override {
     ImageFilesTest::SetUp();
-    ElfSpec spec;
-    spec.symbols = {{
+    ElfLayout layout;
+    layout.symbols = {{
         {"boot.c", 0, 0, STT_FILE, true, SHN_ABS},
         {"counter", 0x4010, 4, STT_OBJECT, true, 1},
         {"$d", 0x4010, 0, STT_NOTYPE, true, 1},
@@ -35,7 +35,7 @@ class ElfSymbolsTest : public ImageFilesTest {
         {"puts", 0, 0, STT_FUNC, false, SHN_UNDEF},
         {"text", 0x1000, 0, STT_SECTION, true, 1},
     }};
-    m_path = file("fw.elf", elfFile(spec));
+    m_path = file("fw.elf", elfFile(layout));
   }
 
   /// The usage message that resolving `text` gives.
@@ -97,9 +97,9 @@ TEST_F(ElfSymbolsTest, APatternListsTheMatchingSymbolsByAddress) {
 }
 
 TEST_F(ElfSymbolsTest, AFileWithoutSymbolsIsAUsageError) {
-  ElfSpec stripped;
+  ElfLayout stripped;
   stripped.segments = {{PT_LOAD, 0x1000, 0x1000, "code"}};
-  ElfSpec relocatable;
+  ElfLayout relocatable;
   relocatable.type = ET_REL;
   relocatable.symbols.emplace();
   for (const auto& [content, message] :

@@ -141,39 +141,39 @@ std::string sLine(unsigned type, uint64_t address, const std::string& data) {
   return recordLine("S" + std::to_string(type), bytes, data, [](unsigned sum) { return ~sum; });
 }
 
-std::string elfFile(const ElfSpec& spec) {
+std::string elfFile(const ElfLayout& layout) {
   Elf64_Ehdr header{{ELFMAG0, ELFMAG1, ELFMAG2, ELFMAG3, ELFCLASS64, ELFDATA2LSB, EV_CURRENT},
-                    spec.type,
+                    layout.type,
                     EM_X86_64,
                     EV_CURRENT,
-                    spec.entry,
+                    layout.entry,
                     sizeof(Elf64_Ehdr),
                     0,
                     0,
                     sizeof(Elf64_Ehdr),
                     sizeof(Elf64_Phdr),
-                    static_cast<uint16_t>(spec.segments.size()),
+                    static_cast<uint16_t>(layout.segments.size()),
                     sizeof(Elf64_Shdr),
                     0,
                     0};
-  header.e_phoff = spec.segments.empty() ? 0 : sizeof(Elf64_Ehdr);
-  std::string out(sizeof(Elf64_Ehdr) + spec.segments.size() * sizeof(Elf64_Phdr), '\0');
-  for (size_t i = 0; i < spec.segments.size(); ++i) {
-    const ElfSpec::Segment& segment = spec.segments[i];
+  header.e_phoff = layout.segments.empty() ? 0 : sizeof(Elf64_Ehdr);
+  std::string out(sizeof(Elf64_Ehdr) + layout.segments.size() * sizeof(Elf64_Phdr), '\0');
+  for (size_t i = 0; i < layout.segments.size(); ++i) {
+    const ElfLayout::Segment& segment = layout.segments[i];
     const Elf64_Phdr program{
         segment.type,         0, out.size(), segment.virtualAddress, segment.physical, segment.bytes.size(),
         segment.bytes.size(), 1};
     put(out, sizeof(Elf64_Ehdr) + i * sizeof(Elf64_Phdr), program);
     out += segment.bytes;
   }
-  if (spec.symbols) {
+  if (layout.symbols) {
     // Sections: none, .text, .symtab, .strtab, .shstrtab. Local symbols come first.
-    std::vector<ElfSpec::Symbol> symbols = *spec.symbols;
+    std::vector<ElfLayout::Symbol> symbols = *layout.symbols;
     const auto locals =
         std::stable_partition(symbols.begin(), symbols.end(), [](const auto& s) { return s.local; });
     std::string names(1, '\0');
     std::string table(sizeof(Elf64_Sym), '\0');
-    for (const ElfSpec::Symbol& symbol : symbols) {
+    for (const ElfLayout::Symbol& symbol : symbols) {
       const Elf64_Sym entry{
           static_cast<uint32_t>(names.size()),
           static_cast<unsigned char>(ELF64_ST_INFO(symbol.local ? STB_LOCAL : STB_GLOBAL, symbol.type)),

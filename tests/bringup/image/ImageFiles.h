@@ -64,7 +64,7 @@ std::string sLine(unsigned type, uint64_t address, const std::string& data);
 /// An ELF file of 64 bits, little-endian, for x86-64, as the tests need one: its program headers
 /// with their bytes after them and, when `symbols` is set, one section (.text, of no bytes) and a
 /// symbol table.
-struct ElfSpec {
+struct ElfLayout {
   struct Segment {
     uint32_t type;
     uint64_t physical;
@@ -85,6 +85,6 @@ struct ElfSpec {
   std::vector<Segment> segments;
   std::optional<std::vector<Symbol>> symbols;
 };
-std::string elfFile(const ElfSpec& spec);
+std::string elfFile(const ElfLayout& layout);
 
 }  // namespace kvx::test

@@ -22,7 +22,7 @@ using bringup::ImageOptions;
 class ImageTest : public ImageFilesTest {};
 
 TEST_F(ImageTest, TheFormatIsFoundFromTheContent) {
-  ElfSpec elf;
+  ElfLayout elf;
   elf.segments = {{PT_LOAD, 0x1000, 0x1000, "elf"}};
   EXPECT_EQ(open(file("image", elfFile(elf)))->format(), ImageFormat::kElf);
   // Blank lines before the first record; 'S' without a digit; nothing at all. From files and streams.
@@ -38,9 +38,9 @@ TEST_F(ImageTest, TheFormatIsFoundFromTheContent) {
 
 TEST_F(ImageTest, WrongUseIsAUsageError) {
   const std::string hex = file("image.hex", hexLine(0, 0, "a") + hexLine(1, 0, ""));
-  ElfSpec spec;
-  spec.segments = {{PT_LOAD, 0x1000, 0x1000, "elf"}};
-  const std::string elf = elfFile(spec);
+  ElfLayout layout;
+  layout.segments = {{PT_LOAD, 0x1000, 0x1000, "elf"}};
+  const std::string elf = elfFile(layout);
   const std::string raw = file("image.bin", "raw");
   const struct {
     const char* name;
