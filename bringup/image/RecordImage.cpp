@@ -1,10 +1,10 @@
 #include "bringup/image/RecordImage.h"
 
+#include <algorithm>
 #include <iterator>
 #include <map>
 #include <utility>
 
-#include "bringup/Numbers.h"
 #include "bringup/image/RecordParser.h"
 
 namespace kvx::bringup {
@@ -56,8 +56,6 @@ class Filled {
   std::map<uint64_t, Filled::Run> m_runs;
 };
 
-std::string range(uint64_t first, uint64_t last) { return hexAddress(first) + "-" + hexAddress(last); }
-
 /// The file Error for `record`, which lands on bytes of `run`. A run of one record names it; in a
 /// regular file, the record of the run that the bytes are from is found by reading it again; in a
 /// stream, which cannot be, the run's lines are named.
@@ -65,7 +63,7 @@ Error overlap(ImageFile& file, ImageFormat format, const RecordParser& parser,
               const RecordParser::Record& record, const Filled::Run& run) {
   const uint64_t last = record.address + (record.count - 1);
   const std::string what = "line " + std::to_string(record.line) + ": its bytes at " +
-                           range(record.address, last) + " overlap those of ";
+                           addressRange(record.address, record.count) + " overlap those of ";
   if (run.records > 1 && !file.isStream()) {
     RecordParser again(file, format, nullptr);
     RecordParser::Record earlier;
@@ -73,14 +71,14 @@ Error overlap(ImageFile& file, ImageFormat format, const RecordParser& parser,
       const uint64_t earlierLast = earlier.address + (earlier.count - 1);
       if (earlier.address <= last && earlierLast >= record.address) {
         return parser.malformed(what + "line " + std::to_string(earlier.line) + " at " +
-                                range(earlier.address, earlierLast));
+                                addressRange(earlier.address, earlier.count));
       }
     }
   }
   const std::string lines =
       run.records == 1 ? "line " + std::to_string(run.firstLine)
                        : "lines " + std::to_string(run.firstLine) + " to " + std::to_string(run.lastLine);
-  return parser.malformed(what + lines + " at " + range(run.first, run.last));
+  return parser.malformed(what + lines + " at " + addressRange(run.first, run.last - run.first + 1));
 }
 
 }  // namespace
