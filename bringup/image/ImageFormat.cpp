@@ -1,5 +1,11 @@
 #include "bringup/image/ImageFormat.h"
 
+#include <strings.h>
+
+#include <vector>
+
+#include "bringup/Text.h"
+
 namespace kvx::bringup {
 namespace {
 
@@ -12,6 +18,14 @@ const struct {
     {ImageFormat::kIntelHex, "ihex", "Intel HEX"},
     {ImageFormat::kSRecord, "srec", "S-record"},
     {ImageFormat::kElf, "elf", "ELF"},
+};
+
+const struct {
+  const char* extension;
+  ImageFormat format;
+} kExtensions[] = {
+    {".hex", ImageFormat::kIntelHex}, {".ihex", ImageFormat::kIntelHex}, {".srec", ImageFormat::kSRecord},
+    {".s19", ImageFormat::kSRecord},  {".s28", ImageFormat::kSRecord},   {".s37", ImageFormat::kSRecord},
 };
 
 }  // namespace
@@ -38,13 +52,19 @@ std::optional<ImageFormat> parseFormat(const std::string& name) {
 }
 
 std::string formatNames() {
-  std::string names;
-  const size_t count = sizeof kFormats / sizeof kFormats[0];
-  for (size_t i = 0; i < count; ++i) {
-    if (i != 0) names += i + 1 == count ? " or " : ", ";
-    names += kFormats[i].name;
+  std::vector<std::string> names;
+  for (const auto& known : kFormats) names.push_back(known.name);
+  return listing(names, "or");
+}
+
+std::optional<ImageFormat> formatFromExtension(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const size_t dot = path.rfind('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return std::nullopt;
+  for (const auto& known : kExtensions) {
+    if (::strcasecmp(path.c_str() + dot, known.extension) == 0) return known.format;
   }
-  return names;
+  return std::nullopt;
 }
 
 }  // namespace kvx::bringup

@@ -17,5 +17,9 @@ const char* formatDescription(ImageFormat format);
 std::optional<ImageFormat> parseFormat(const std::string& name);
 /// The names, as a usage message lists them: "raw, ihex, srec or elf".
 std::string formatNames();
+/// The format that the extension of `path` names, in any case: ".hex" and ".ihex" Intel HEX;
+/// ".srec", ".s19", ".s28" and ".s37" S-record. None for any other, raw binary included, which
+/// has no extension of its own.
+std::optional<ImageFormat> formatFromExtension(const std::string& path);
 
 }  // namespace kvx::bringup

@@ -16,5 +16,12 @@ TEST(ImageFormatTest, EveryNameReadsBackAsItsFormat) {
   EXPECT_EQ(bringup::formatNames(), "raw, ihex, srec or elf");
 }
 
+TEST(ImageFormatTest, TheExtensionOfANewFileNamesItsFormat) {
+  EXPECT_EQ(bringup::formatFromExtension("dump.S19"), ImageFormat::kSRecord);
+  EXPECT_EQ(bringup::formatFromExtension("out/fw.ihex"), ImageFormat::kIntelHex);
+  EXPECT_EQ(bringup::formatFromExtension("v1.hex/dump"), std::nullopt);
+  EXPECT_EQ(bringup::formatFromExtension("dump.bin"), std::nullopt);
+}
+
 }  // namespace
 }  // namespace kvx::test
