@@ -53,6 +53,11 @@ py::bytes Arguments::newBytes(uint64_t length, const char* name) {
   return py::reinterpret_steal<py::bytes>(bytes);
 }
 
+bool Arguments::toBool(py::handle value, const char* name) {
+  if (!PyBool_Check(value.ptr())) throw wrongType(name, "a bool", value);
+  return value.ptr() == Py_True;
+}
+
 std::string Arguments::toName(py::handle value, const char* name) {
   if (!PyUnicode_Check(value.ptr())) throw wrongType(name, "a str", value);
   const std::string text = value.cast<std::string>();

@@ -21,6 +21,8 @@ class Arguments {
   /// A new bytes object of `length` bytes, to be filled; MemoryError naming `name` when the
   /// process cannot hold it.
   static pybind11::bytes newBytes(uint64_t length, const char* name);
+  /// A bool, and nothing else.
+  static bool toBool(pybind11::handle value, const char* name);
   /// A str, as UTF-8, without NUL characters: names reach the plug-in as C strings.
   static std::string toName(pybind11::handle value, const char* name);
   /// A path: a str or an os.PathLike, in the file system's encoding.

@@ -17,6 +17,7 @@
 #include "bringup/Registers.h"
 #include "bringup/Target.h"
 #include "bringup/file/OutputFile.h"
+#include "bringup/transfer/ImageTransfers.h"
 #include "bringup/transfer/MemoryTransfers.h"
 #include "bringup/transfer/Transfer.h"
 #include "bringup/transfer/WorkerMessages.h"
@@ -47,10 +48,11 @@ class PythonTarget {
 
   /// A transfer on this target that Ctrl-C stops, in this process or with `jobs` kvx-ta workers.
   /// Python code asks for what it means: no bound on the length.
-  bringup::Transfer transfer(bringup::Progress& progress, unsigned jobs) {
+  bringup::Transfer transfer(bringup::Progress& progress, unsigned jobs, unsigned width = 0) {
     bringup::Transfer::Options options;
     options.jobs = jobs;
     options.force = true;
+    options.width = width;
     if (jobs > 1) {
       const std::string kvxTa = bringup::installedProgram("kvx-ta");
       if (kvxTa.empty()) {
@@ -73,6 +75,14 @@ Range rangeOf(py::handle address, uint64_t length) {
     throw py::value_error("address + length must not pass the end of the 64-bit address space");
   }
   return {start, length};
+}
+
+/// An access width: 1, 2, 4 or 8.
+unsigned widthOf(py::handle width) {
+  const uint64_t bytes = Arguments::toUnsigned(width, "width", bringup::kMaxAccessBytes, 1);
+  if ((bytes & (bytes - 1)) != 0)
+    throw py::value_error("width must be 1, 2, 4 or 8, not " + std::to_string(bytes));
+  return static_cast<unsigned>(bytes);
 }
 
 unsigned jobsOf(py::handle jobs) {
@@ -119,7 +129,7 @@ void bindAccesses(py::class_<PythonTarget>& target) {
           bringup::NoProgress progress;
           bringup::Transfer transfer = self.transfer(progress, 1);
           uint64_t offset = 0;
-          transfer.reportingHowFar("read", where, [&] {
+          transfer.reportingHowFar("read", where.length, [&] {
             transfer.read(where, [&](const uint8_t* bytes, size_t count) {
               std::memcpy(out + offset, bytes, count);
               offset += count;
@@ -139,7 +149,7 @@ void bindAccesses(py::class_<PythonTarget>& target) {
         withoutGil([&] {
           bringup::NoProgress progress;
           bringup::Transfer transfer = self.transfer(progress, 1);
-          transfer.reportingHowFar("written", where, [&] {
+          transfer.reportingHowFar("written", where.length, [&] {
             transfer.write(where, [&](uint64_t offset, uint8_t* out, size_t count) {
               std::memcpy(out, bytes.data() + offset, count);
             });
@@ -217,6 +227,75 @@ void bindReservations(py::class_<PythonTarget>& target) {
       "Releases every reserved block.");
 }
 
+/// An image command's arguments: the file, an address or offset, and an access width.
+bringup::ImageSource imageSource(py::handle path, py::handle address, py::handle width) {
+  bringup::ImageSource source;
+  source.path = Arguments::toPath(path, "path");
+  if (!address.is_none()) source.options.address = Arguments::toUnsigned(address, "address");
+  if (!width.is_none()) source.options.width = widthOf(width);
+  return source;
+}
+
+/// Hands the warnings that an image gave to Python's warnings, once the call is over.
+void warnAll(const std::vector<std::string>& warnings) {
+  for (const std::string& warning : warnings) PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 1);
+}
+
+void bindImages(py::class_<PythonTarget>& target) {
+  target.def(
+      "load",
+      [](PythonTarget& self, py::handle path, py::handle address, py::handle verify, py::handle jobs,
+         py::handle width) {
+        const bringup::ImageSource source = imageSource(path, address, width);
+        const bool andVerify = Arguments::toBool(verify, "verify");
+        const unsigned workers = jobsOf(jobs);
+        std::vector<std::string> warnings;
+        const std::optional<uint64_t> entry = withoutGil([&] {
+          bringup::NoProgress progress;
+          bringup::Transfer transfer = self.transfer(progress, workers, source.options.width);
+          const auto image =
+              bringup::openImage(source, transfer, [&](const std::string& w) { warnings.push_back(w); });
+          if (andVerify && !image->rereadable()) {
+            throw bringup::usageError("verify reads '" + source.path + "' again, which a pipe cannot give");
+          }
+          transfer.reportingHowFar("written", image->size(),
+                                   [&] { bringup::loadImage(transfer, *image, source, std::nullopt); });
+          if (andVerify) {
+            bringup::Transfer again = self.transfer(progress, workers, source.options.width);
+            bringup::verifyImage(again, *image, source, std::nullopt, "wrote ", "read back ");
+          }
+          return image->entryPoint();
+        });
+        warnAll(warnings);
+        return entry ? py::object(py::int_(*entry)) : py::object(py::none());
+      },
+      py::arg("path"), py::arg("address") = py::none(), py::arg("verify") = false, py::arg("jobs") = 1,
+      py::arg("width") = py::none(),
+      "Writes the image in the file at path (raw binary, Intel HEX, S-record or ELF) to target memory, as "
+      "kvx-ta "
+      "load does; raw binary needs address, the other formats take it as an offset. With verify, reads the "
+      "bytes "
+      "back. Returns the image's entry point, or None. Warnings about the file are Python warnings.");
+  target.def(
+      "verify",
+      [](PythonTarget& self, py::handle path, py::handle address, py::handle jobs, py::handle width) {
+        const bringup::ImageSource source = imageSource(path, address, width);
+        const unsigned workers = jobsOf(jobs);
+        std::vector<std::string> warnings;
+        withoutGil([&] {
+          bringup::NoProgress progress;
+          bringup::Transfer transfer = self.transfer(progress, workers, source.options.width);
+          const auto image =
+              bringup::openImage(source, transfer, [&](const std::string& w) { warnings.push_back(w); });
+          bringup::verifyImage(transfer, *image, source, std::nullopt, "the file has ", "the target ");
+        });
+        warnAll(warnings);
+      },
+      py::arg("path"), py::arg("address") = py::none(), py::arg("jobs") = 1, py::arg("width") = py::none(),
+      "Compares target memory with the image in the file at path; TargetError at the first byte that "
+      "differs.");
+}
+
 void bindTransfers(py::class_<PythonTarget>& target) {
   target.def(
       "dump",
@@ -229,7 +308,7 @@ void bindTransfers(py::class_<PythonTarget>& target) {
           bringup::NoProgress progress;
           bringup::Transfer transfer = self.transfer(progress, workers);
           try {
-            transfer.reportingHowFar("read", where, [&] {
+            transfer.reportingHowFar("read", where.length, [&] {
               bringup::dump(transfer, where,
                             [&](const uint8_t* bytes, size_t count) { out.write(bytes, count); });
             });
@@ -256,7 +335,8 @@ void bindTransfers(py::class_<PythonTarget>& target) {
         withoutGil([&] {
           bringup::NoProgress progress;
           bringup::Transfer transfer = self.transfer(progress, workers);
-          transfer.reportingHowFar("written", where, [&] { bringup::fill(transfer, where, repeated); });
+          transfer.reportingHowFar("written", where.length,
+                                   [&] { bringup::fill(transfer, where, repeated); });
         });
       },
       py::arg("address"), py::arg("size"), py::arg("pattern"), py::arg("jobs") = 1,
@@ -270,7 +350,7 @@ void bindTransfers(py::class_<PythonTarget>& target) {
           bringup::NoProgress progress;
           bringup::Transfer transfer = self.transfer(progress, workers);
           uint32_t crc = 0;
-          transfer.reportingHowFar("read", where, [&] { crc = bringup::crc32(transfer, where); });
+          transfer.reportingHowFar("read", where.length, [&] { crc = bringup::crc32(transfer, where); });
           return crc;
         });
       },
@@ -331,6 +411,7 @@ agent is gone, raises TargetError, which says why.)");
   bindRegisters(target);
   bindReservations(target);
   bindTransfers(target);
+  bindImages(target);
 }
 
 }  // namespace kvx::python

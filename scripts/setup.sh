@@ -13,7 +13,7 @@ packages=(
   liblog4cxx-dev
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
-  libsrecord-dev libelf-dev nlohmann-json3-dev zlib1g-dev
+  libelf-dev nlohmann-json3-dev zlib1g-dev
   # Python extension modules (pybind11) and pytest
   pybind11-dev python3-dev python3-pytest
   # man pages, generated from the programs' --help

@@ -4,6 +4,7 @@
 #include <sstream>
 #include <vector>
 
+#include "bringup/Text.h"
 #include "tools/CommandLine.h"
 #include "tools/CommandTable.h"
 
@@ -13,38 +14,14 @@ namespace {
 /// The width of the synopsis column in the list of commands.
 constexpr size_t kSynopsisColumn = 36;
 
-/// The number of single-character insertions, deletions and substitutions between `a` and `b`.
-size_t editDistance(const std::string& a, const std::string& b) {
-  std::vector<size_t> row(b.size() + 1);
-  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
-  for (size_t i = 1; i <= a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i;
-    for (size_t j = 1; j <= b.size(); ++j) {
-      const size_t above = row[j];
-      row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
-      diagonal = above;
-    }
-  }
-  return row[b.size()];
-}
-
 }  // namespace
 
 std::string unknownCommand(const std::string& name) {
-  // Two slips at most, and fewer than the name has letters: "rd" is no typing error of "read".
-  const CommandDefinition* nearest = nullptr;
-  size_t best = 3;
-  for (const CommandDefinition& definition : commandTable()) {
-    const size_t distance = editDistance(name, definition.name);
-    if (distance < best && distance < name.size()) {
-      best = distance;
-      nearest = &definition;
-    }
-  }
+  std::vector<std::string> names;
+  for (const CommandDefinition& definition : commandTable()) names.emplace_back(definition.name);
+  const std::vector<std::string> nearest = bringup::nearMisses(name, names, 1);
   return "unknown command '" + name + "'" +
-         (nearest != nullptr ? " (did you mean '" + std::string(nearest->name) + "'?)"
-                             : " (try 'kvx-ta --help')");
+         (!nearest.empty() ? " (did you mean '" + nearest.front() + "'?)" : " (try 'kvx-ta --help')");
 }
 
 std::string program() {

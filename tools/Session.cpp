@@ -47,9 +47,10 @@ unsigned Session::jobsFor(uint64_t length) const {
   return m_server ? bringup::defaultJobs(m_server->host, length) : 1;
 }
 
-bringup::Transfer Session::transfer(bringup::Progress& progress, uint64_t length) {
+bringup::Transfer Session::transfer(bringup::Progress& progress, uint64_t length, unsigned width) {
   bringup::Transfer::Options options;
   options.force = m_force;
+  options.width = width;
   options.jobs = jobsFor(length);
   if (options.jobs > 1) {
     options.workers = bringup::WorkerLaunch{common::thisProgram(),

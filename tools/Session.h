@@ -47,7 +47,7 @@ class Session {
 
   /// A transfer of `length` bytes on this session's target, reporting to `progress` and stopped
   /// by Ctrl-C: in this process, or split between workers as --jobs (or kvx-ta's choice) says.
-  bringup::Transfer transfer(bringup::Progress& progress, uint64_t length);
+  bringup::Transfer transfer(bringup::Progress& progress, uint64_t length, unsigned width = 0);
 
   /// The agent's endpoint; without --server, the embedded simulator's, started on first use.
   common::Endpoint agentEndpoint();

@@ -7,6 +7,7 @@
 
 #include "bringup/Error.h"
 #include "bringup/Numbers.h"
+#include "bringup/Ranges.h"
 
 // libsrecord writes both text formats, but only to a file it opens by name or to standard output
 // (its writers' constructors are private, so no other put_char can be given), and the Debian
@@ -168,7 +169,7 @@ class SRecordWriter final : public TextWriter {
 
 std::unique_ptr<ImageWriter> ImageWriter::create(ImageFormat format, uint64_t address, uint64_t length,
                                                  Sink sink) {
-  checkRange(address, length);
+  checkedRange(address, length);
   const uint64_t highest = length == 0 ? address : address + (length - 1);
   if (format != ImageFormat::kRaw && format != ImageFormat::kElf && highest >= kTextAddressLimit) {
     throw usageError("cannot write " + byteCount(length) + " at " + hexAddress(address) + " as " +

@@ -4,6 +4,7 @@
 
 #include "bringup/Error.h"
 #include "bringup/Numbers.h"
+#include "bringup/Ranges.h"
 #include "bringup/image/Image.h"
 
 namespace kvx::bringup {
@@ -20,7 +21,7 @@ uint64_t Placement::place(uint64_t fileAddress, uint64_t length) const {
     throw usageError("the " + std::to_string(length) + " bytes at " + hexAddress(fileAddress) + " + " +
                      hexAddress(m_offset) + " run past the end of the 64-bit address space");
   }
-  checkRange(m_offset + fileAddress, length);
+  checkedRange(m_offset + fileAddress, length);
   return m_offset + fileAddress;
 }
 

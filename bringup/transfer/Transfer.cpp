@@ -18,9 +18,10 @@ void Transfer::advance(uint64_t bytes) {
   m_progress.advance(bytes);
 }
 
-Error Transfer::howFar(const Error& failure, const char* verb, const Range& range) const {
-  std::string note = "; " + std::to_string(m_moved) + " of " + byteCount(range.length) + " were " + verb;
-  if (m_moved != 0 && m_options.jobs == 1) note += ", up to " + hexAddress(range.address + m_moved - 1);
+Error Transfer::howFar(const Error& failure, const char* verb, std::optional<uint64_t> total) const {
+  std::string note =
+      "; " + std::to_string(m_moved) + (total ? " of " + byteCount(*total) : " bytes") + " were " + verb;
+  if (m_lastAddress && m_options.jobs == 1) note += ", the last at " + hexAddress(*m_lastAddress);
   if (m_moved != 0 && m_options.jobs > 1) note += " by " + std::to_string(m_options.jobs) + " workers";
   return failure.explained(note);
 }
@@ -33,9 +34,11 @@ template <typename Access>
 void Transfer::eachAccess(const Range& range, Access access) {
   for (uint64_t done = 0; done < range.length;) {
     checkpoint();
-    const unsigned size = accessSizeAt(range.address + done, range.length - done);
+    const unsigned size =
+        m_options.width != 0 ? m_options.width : accessSizeAt(range.address + done, range.length - done);
     if (!access(done, size)) return;
     done += size;
+    if (size != 0) m_lastAddress = range.address + done - 1;
     advance(size);
   }
 }

@@ -54,6 +54,9 @@ class Transfer {
     std::optional<WorkerLaunch> workers;
     /// Transfers above kLargestUnforced are allowed.
     bool force = false;
+    /// 1, 2, 4 or 8: every access moves exactly this many bytes, at multiples of it (the caller
+    /// has checked that the ranges fit). 0: accesses as Ranges.h cuts them.
+    unsigned width = 0;
   };
 
   /// `target` opens the target when first called; `checkpoint`, when set, runs before every
@@ -77,11 +80,11 @@ class Transfer {
   /// Reads `range` and stops at the first byte that differs from `source`.
   std::optional<Mismatch> verify(const Range& range, const Source& source);
 
-  /// Runs `work`, which moves `range`; a failure other than a usage error gains how far it got:
-  /// "; N of M bytes were VERB" and, when this process moved them in address order, up to which
-  /// address, so that the user knows what the target holds now.
+  /// Runs `work`, which moves `total` bytes (none: not known beforehand); a failure other than a
+  /// usage error gains how far it got: "; N of M bytes were VERB" and, when this process moved
+  /// them, the address of the last, so that the user knows what the target holds now.
   template <typename Work>
-  void reportingHowFar(const char* verb, const Range& range, Work work);
+  void reportingHowFar(const char* verb, std::optional<uint64_t> total, Work work);
 
   /// Throws a usage Error when `length` is above kLargestUnforced and the options do not force it.
   void checkBound(uint64_t length) const { checkTransferBound(length, m_options.force); }
@@ -92,23 +95,25 @@ class Transfer {
   template <typename Access>
   void eachAccess(const Range& range, Access access);
 
-  /// The failure `failure` of the transfer of `range`, with how far it got.
-  Error howFar(const Error& failure, const char* verb, const Range& range) const;
+  /// `failure`, with how far the transfer of `total` bytes got.
+  Error howFar(const Error& failure, const char* verb, std::optional<uint64_t> total) const;
 
   std::function<Target&()> m_target;
   Progress& m_progress;
   uint64_t m_moved = 0;
+  /// The address of the last byte that this process moved, once it moved one.
+  std::optional<uint64_t> m_lastAddress;
   std::function<void()> m_checkpoint;
   Options m_options;
 };
 
 template <typename Work>
-void Transfer::reportingHowFar(const char* verb, const Range& range, Work work) {
+void Transfer::reportingHowFar(const char* verb, std::optional<uint64_t> total, Work work) {
   try {
     work();
   } catch (const Error& failure) {
     if (failure.kind() == Error::Kind::kUsage) throw;
-    throw howFar(failure, verb, range);
+    throw howFar(failure, verb, total);
   }
 }
 

@@ -32,8 +32,8 @@ namespace {
 using bringup::fromTargetBytes;
 using bringup::hexAddress;
 using bringup::hexPadded;
-using bringup::toTargetBytes;
 using bringup::kMaxAccessBytes;
+using bringup::toTargetBytes;
 
 const char* const kPluginLogger = "tesk.ta.kvx";
 const char* const kCapturePattern = "%p %c: %m%n";

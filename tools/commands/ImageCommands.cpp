@@ -1,15 +1,13 @@
 // load, verify: image files (raw, Intel HEX, S-record, ELF) to and against target memory.
 
-#include <algorithm>
-#include <cstring>
 #include <memory>
 #include <optional>
 
 #include "bringup/Error.h"
 #include "bringup/Numbers.h"
+#include "bringup/Target.h"
+#include "bringup/transfer/ImageTransfers.h"
 #include "bringup/transfer/WorkerMessages.h"
-#include "bringup/transfer/Workers.h"
-#include "tools/Image.h"
 #include "tools/Session.h"
 #include "tools/commands/Commands.h"
 #include "tools/output/Output.h"
@@ -20,171 +18,117 @@ namespace {
 
 using bringup::Range;
 
-/// FILE, ADDR, --format and a worker's --part of an image command, checked.
-struct ImageArguments {
-  std::string path;
-  std::optional<uint64_t> address;
-  std::optional<Image::Format> format;
+/// What an image command was asked: the image, and a worker's --part.
+struct ImageRequest {
+  bringup::ImageSource source;
   /// A worker's share: only the image's bytes in this range.
   std::optional<Range> part;
 };
 
-ImageArguments imageArguments(const Arguments& arguments) {
-  ImageArguments result{arguments.value("FILE"), std::nullopt, std::nullopt, std::nullopt};
-  if (arguments.has("ADDR")) result.address = bringup::parseNumber(arguments.value("ADDR"), "address");
-  if (arguments.has("part")) {
-    result.part = bringup::parsePartOption(arguments.value("part"));
-    if (!result.part) throw bringup::usageError("invalid part '" + arguments.value("part") + "'");
+/// The width that --width gives: 1, 2, 4 or 8; 0 without it.
+unsigned widthOf(const Arguments& arguments) {
+  if (!arguments.has("width")) return 0;
+  const std::string& text = arguments.value("width");
+  uint64_t width = 0;
+  if (!bringup::parseUnsigned(text, width) || (width != 1 && width != 2 && width != 4 && width != 8)) {
+    throw bringup::usageError("invalid width '" + text + "' (1, 2, 4 or 8)");
   }
+  return static_cast<unsigned>(width);
+}
+
+ImageRequest imageRequest(const Arguments& arguments) {
+  ImageRequest request;
+  request.source.path = arguments.value("FILE");
+  if (request.source.path.empty()) throw bringup::usageError("invalid file '' (a path, or '-' for stdin)");
+  if (arguments.has("ADDR"))
+    request.source.options.address = bringup::parseNumber(arguments.value("ADDR"), "address");
   if (arguments.has("format")) {
     const std::string& name = arguments.value("format");
-    result.format = Image::parseFormat(name);
-    if (!result.format) throw bringup::usageError("invalid format '" + name + "' (raw, ihex, srec or elf)");
+    request.source.options.format = bringup::parseFormat(name);
+    if (!request.source.options.format) {
+      throw bringup::usageError("invalid format '" + name + "' (" + bringup::formatNames() + ")");
+    }
   }
-  return result;
+  request.source.options.virtualAddresses = arguments.has("vaddr");
+  request.source.options.width = widthOf(arguments);
+  if (arguments.has("part")) {
+    request.part = bringup::parsePartOption(arguments.value("part"));
+    if (!request.part) throw bringup::usageError("invalid part '" + arguments.value("part") + "'");
+  }
+  return request;
 }
 
-/// Opens the image, its warnings shown as such, and checks its size against the bound before
-/// anything is reached.
-std::unique_ptr<Image> openImage(const ImageArguments& arguments, Session& session) {
-  const std::string& path = arguments.path;
+/// A transfer of the image on the session's target, with the request's width.
+bringup::Transfer transferOf(Session& session, bringup::Progress& progress, const ImageRequest& request,
+                             const bringup::Image& image) {
+  return session.transfer(progress, request.part ? 0 : image.size().value_or(0),
+                          request.source.options.width);
+}
+
+std::unique_ptr<bringup::Image> openImage(Session& session, const ImageRequest& request) {
   Output& output = session.output();
-  auto image = std::make_unique<Image>(
-      path, arguments.format, arguments.address,
-      [&output, &path](const std::string& warning) { output.warning(path + ": " + warning); });
-  if (image->size()) bringup::checkTransferBound(*image->size(), session.force());
-  return image;
+  const std::string path = request.source.path;
+  bringup::NoProgress none;
+  return bringup::openImage(
+      request.source, session.transfer(none, 0),
+      [&output, path](const std::string& warning) { output.warning(path + ": " + warning); });
 }
 
-/// Calls `move` with each piece of `image`, stopping a stream at the bound as soon as it passes
-/// it. A worker's `part` keeps only the bytes in it.
-void eachPiece(Image& image, const bringup::Transfer& transfer, const std::optional<Range>& part,
-               const Image::Visitor& move) {
-  uint64_t moved = 0;
-  image.visit([&](uint64_t address, const uint8_t* bytes, size_t count) {
-    moved += count;
-    transfer.checkBound(moved);
-    if (!part) return move(address, bytes, count);
-    // Compared by last address, which a piece at the top of the address space has too.
-    const uint64_t first = std::max(address, part->address);
-    const uint64_t last = std::min(address + (count - 1), part->last());
-    if (count != 0 && first <= last)
-      move(first, bytes + (first - address), static_cast<size_t>(last - first + 1));
-  });
-}
-
-/// The image's bytes shared out between `jobs` workers: address ranges that hold about as many
-/// bytes each, cut at 8-byte boundaries. Reads the image through once.
-std::vector<Range> shares(Image& image, const bringup::Transfer& transfer, unsigned jobs) {
-  std::vector<Range> spans;
-  eachPiece(image, transfer, std::nullopt, [&spans](uint64_t address, const uint8_t*, size_t count) {
-    if (!spans.empty() && spans.back().address + spans.back().length == address) {
-      spans.back().length += count;
-    } else {
-      spans.push_back({address, count});
-    }
-  });
-  uint64_t total = 0;
-  for (const auto& span : spans) total += span.length;
-  std::vector<Range> parts;
-  if (spans.empty()) return parts;
-  uint64_t start = spans.front().address;
-  for (unsigned k = 1; k < jobs; ++k) {
-    // The address of the byte that ends the k-th share, down to an 8-byte boundary.
-    uint64_t index = total / jobs * k;
-    uint64_t cut = start;
-    for (const auto& span : spans) {
-      if (index < span.length) {
-        cut = (span.address + index) / bringup::kMaxAccessBytes * bringup::kMaxAccessBytes;
-        break;
-      }
-      index -= span.length;
-    }
-    if (cut <= start) continue;
-    parts.push_back({start, cut - start});
-    start = cut;
-  }
-  parts.push_back({start, spans.back().address + spans.back().length - start});
-  return parts;
-}
-
-/// The words that open the image in `arguments` as the whole transfer reads it.
-std::vector<std::string> imageWords(const ImageArguments& arguments, const Image& image) {
-  std::vector<std::string> words{arguments.path};
-  if (arguments.address) words.push_back(bringup::hexAddress(*arguments.address));
-  const char* const formats[] = {"raw", "ihex", "srec", "elf"};
-  words.insert(words.end(), {"--format", formats[static_cast<int>(image.format())]});
-  return words;
-}
-
-bringup::Transfer::Source sourceOf(const uint8_t* bytes) {
-  return [bytes](uint64_t offset, uint8_t* out, size_t count) { std::memcpy(out, bytes + offset, count); };
-}
-
-/// Moves the image between the target and this process, or its workers, as `command` ("load" or
-/// "verify") says; `move` moves one piece in this process.
-void moveImage(Image& image, const ImageArguments& arguments, bringup::Transfer& transfer,
-               const char* command, const Image::Visitor& move) {
-  if (transfer.options().jobs > 1 && image.rereadable() && !arguments.part) {
-    bringup::runWorkers(
-        transfer, shares(image, transfer, transfer.options().jobs),
-        [&](const Range& part) {
-          return bringup::imagePartCommand(command, imageWords(arguments, image), part);
-        },
-        [](size_t, const uint8_t*, size_t) {});
-    return;
-  }
-  eachPiece(image, transfer, arguments.part, move);
-}
-
-/// Reads the image's bytes back from the target and throws at the first that differs, saying
-/// what the file holds and what the target does in the words given.
-void compare(Image& image, const ImageArguments& arguments, Session& session, const std::string& fileHas,
+/// Reads the image's bytes back from the target and fails at the first that differs.
+void compare(Session& session, bringup::Image& image, const ImageRequest& request, const std::string& fileHas,
              const std::string& targetHas) {
   TerminalProgress progress(session.output(), "verify", image.size());
-  bringup::Transfer transfer = session.transfer(progress, arguments.part ? 0 : image.size().value_or(0));
-  moveImage(image, arguments, transfer, "verify", [&](uint64_t address, const uint8_t* bytes, size_t count) {
-    if (const auto mismatch = transfer.verify({address, count}, sourceOf(bytes))) {
-      throw bringup::Error(bringup::Error::Kind::kTarget,
-                           "verify failed at " + bringup::hexAddress(mismatch->address),
-                           fileHas + bringup::hexPadded(mismatch->expected, 2) + ", " + targetHas +
-                               bringup::hexPadded(mismatch->found, 2));
-    }
-  });
+  bringup::Transfer transfer = transferOf(session, progress, request, image);
+  bringup::verifyImage(transfer, image, request.source, request.part, fileHas, targetHas);
   progress.finish("verified ");
 }
 
 Action buildLoad(const Arguments& arguments) {
-  const ImageArguments image = imageArguments(arguments);
+  const ImageRequest request = imageRequest(arguments);
   const bool verify = arguments.has("verify");
+  const bool start = arguments.has("start");
   return [=](Session& session) {
-    Output& output = session.output();
-    const std::unique_ptr<Image> file = openImage(image, session);
-    if (verify && !file->rereadable()) {
-      throw bringup::usageError("--verify reads '" + image.path +
+    const std::unique_ptr<bringup::Image> image = openImage(session, request);
+    if (verify && !image->rereadable()) {
+      throw bringup::usageError("--verify reads '" + request.source.path +
                                 "' again, which a pipe or a device cannot give");
     }
-    {
-      TerminalProgress progress(output, "load", file->size());
-      bringup::Transfer transfer = session.transfer(progress, image.part ? 0 : file->size().value_or(0));
-      try {
-        moveImage(*file, image, transfer, "load", [&](uint64_t address, const uint8_t* bytes, size_t count) {
-          transfer.write({address, count}, sourceOf(bytes));
-        });
-      } catch (const bringup::Error& failure) {
-        if (failure.kind() == bringup::Error::Kind::kUsage) throw;
-        throw failure.explained("; " + std::to_string(progress.done()) + " bytes of the image were written");
-      }
-      progress.finish();
+    if (start && !image->rereadable()) {
+      throw bringup::usageError(
+          "--start needs the entry point before the load, and a stream gives it only at "
+          "its end: load '" +
+          request.source.path + "' from a file");
     }
-    if (verify) compare(*file, image, session, "wrote ", "read back ");
+    if (start && !image->entryPoint()) {
+      throw bringup::usageError("--start: '" + request.source.path + "' has no entry point");
+    }
+    {
+      TerminalProgress progress(session.output(), "load", image->size());
+      bringup::Transfer transfer = transferOf(session, progress, request, *image);
+      transfer.reportingHowFar("written", image->size(),
+                               [&] { bringup::loadImage(transfer, *image, request.source, request.part); });
+      nlohmann::json entry;
+      if (image->entryPoint()) entry["entry_point"] = bringup::hexAddress(*image->entryPoint());
+      progress.finish("", entry);
+    }
+    if (verify) compare(session, *image, request, "wrote ", "read back ");
+    if (image->entryPoint() && !request.part) {
+      const std::string entry = bringup::hexAddress(*image->entryPoint());
+      if (start) {
+        session.target().writeRegister("pc", *image->entryPoint());
+        session.output().info("started: pc = " + entry, {{"pc", entry}});
+      } else {
+        session.output().info("entry point " + entry, {{"entry_point", entry}});
+      }
+    }
   };
 }
 
 Action buildVerify(const Arguments& arguments) {
-  const ImageArguments image = imageArguments(arguments);
+  const ImageRequest request = imageRequest(arguments);
   return [=](Session& session) {
-    compare(*openImage(image, session), image, session, "the file has ", "the target ");
+    const std::unique_ptr<bringup::Image> image = openImage(session, request);
+    compare(session, *image, request, "the file has ", "the target ");
   };
 }
 
@@ -194,13 +138,18 @@ const char* const kFormats =
     "otherwise; --format names it instead. Raw binary goes to ADDR, which it needs. HEX,\n"
     "S-record and ELF go to the addresses they hold, each moved by ADDR when it is given (an\n"
     "offset, added). Of an ELF file, each PT_LOAD segment goes to its physical address\n"
-    "(p_paddr), p_filesz bytes of it from the file; the rest of p_memsz, such as .bss, is\n"
-    "left as it is. FILE is read in pieces of 64 KiB, so it may be of any size; raw binary may\n"
-    "come from a pipe or a device, the other formats must be regular files. More than 256 MiB\n"
-    "needs --force; a stream stops with that failure once it passes the bound.\n";
+    "(p_paddr), or its virtual one with --vaddr, p_filesz bytes of it from the file; the rest of\n"
+    "p_memsz, such as .bss, is left as it is. Records that overlap, wrap around or would load\n"
+    "nothing are refused before anything is written. FILE is read in pieces of 64 KiB, so it\n"
+    "may be of any size; '-' reads stdin, and every format but ELF may come from a pipe. With\n"
+    "--width W every access moves exactly W bytes, and every record must start and end on a\n"
+    "multiple of W. More than 256 MiB needs --force; a stream stops with that failure once it\n"
+    "passes the bound.\n";
 
 const Flag kFormatFlag{"format", "F",
                        "the format of FILE: raw, ihex, srec or elf (default: from its content)"};
+const Flag kVaddrFlag{"vaddr", nullptr, "load ELF segments at their virtual addresses (p_vaddr)"};
+const Flag kWidthFlag{"width", "W", "access exactly W bytes (1, 2, 4 or 8) at a time"};
 /// A worker's share of the image: FIRST:LAST, the addresses of the bytes it moves.
 const Flag kPartFlag{"part", "FIRST:LAST", nullptr};
 
@@ -214,10 +163,17 @@ std::vector<CommandDefinition> imageCommands() {
        std::string("Writes the image in FILE to target memory, in accesses of at most 8 bytes.\n") +
            kFormats +
            "With --verify, reads the bytes back afterwards, reading FILE again, and reports the first\n"
-           "address that differs. Each pass ends with a line on stderr: \"N bytes in X s (Y KiB/s)\".",
+           "address that differs. Says where the image's entry point is; with --start, sets pc to it\n"
+           "once the load (and its verify) succeeded. Each pass ends with a line on stderr:\n"
+           "\"N bytes in X s (Y KiB/s)\".",
        {"FILE"},
        {"ADDR"},
-       {kFormatFlag, {"verify", nullptr, "read the bytes back and compare"}, kPartFlag},
+       {kFormatFlag,
+        {"verify", nullptr, "read the bytes back and compare"},
+        {"start", nullptr, "set pc to the image's entry point once it is loaded"},
+        kVaddrFlag,
+        kWidthFlag,
+        kPartFlag},
        true,
        buildLoad},
       {"verify",
@@ -228,7 +184,7 @@ std::vector<CommandDefinition> imageCommands() {
            kFormats + "Ends with a line on stderr: \"verified N bytes in X s (Y KiB/s)\".",
        {"FILE"},
        {"ADDR"},
-       {kFormatFlag, kPartFlag},
+       {kFormatFlag, kVaddrFlag, kWidthFlag, kPartFlag},
        true,
        buildVerify},
   };

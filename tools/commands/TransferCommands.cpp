@@ -46,7 +46,7 @@ Action buildDump(const Arguments& arguments) {
         path ? nullptr : std::make_unique<HexDump>(output, where.address, where.length);
     bringup::Transfer transfer = session.transfer(progress, where.length);
     try {
-      transfer.reportingHowFar("read", where, [&] {
+      transfer.reportingHowFar("read", where.length, [&] {
         bringup::dump(transfer, where, [&](const uint8_t* bytes, size_t count) {
           if (file) {
             file->write(bytes, count);
@@ -71,7 +71,7 @@ Action buildFill(const Arguments& arguments) {
   return [=](Session& session) {
     TerminalProgress progress(session.output(), "fill", where.length);
     bringup::Transfer transfer = session.transfer(progress, where.length);
-    transfer.reportingHowFar("written", where, [&] { bringup::fill(transfer, where, pattern); });
+    transfer.reportingHowFar("written", where.length, [&] { bringup::fill(transfer, where, pattern); });
     progress.finish();
   };
 }
@@ -83,7 +83,7 @@ Action buildCrc32(const Arguments& arguments) {
     TerminalProgress progress(output, "crc32", where.length);
     bringup::Transfer transfer = session.transfer(progress, where.length);
     uint32_t crc = 0;
-    transfer.reportingHowFar("read", where, [&] { crc = bringup::crc32(transfer, where); });
+    transfer.reportingHowFar("read", where.length, [&] { crc = bringup::crc32(transfer, where); });
     progress.finish();
     if (output.options().worker) {
       output.text(bringup::crc32Message(crc));

@@ -91,7 +91,7 @@ void TerminalProgress::advance(uint64_t bytes) {
   if (now - m_lastShown >= interval) show(now);
 }
 
-void TerminalProgress::finish(const std::string& prefix) {
+void TerminalProgress::finish(const std::string& prefix, const nlohmann::json& more) {
   if (m_worker) {
     m_worker->finish();
     return;
@@ -102,7 +102,9 @@ void TerminalProgress::finish(const std::string& prefix) {
   char line[160];
   std::snprintf(line, sizeof line, "%s%llu bytes in %.3f s (%.1f KiB/s)", prefix.c_str(),
                 static_cast<unsigned long long>(m_done), elapsed, rate);
-  m_output.info(line, {{"operation", m_label}, {"bytes", m_done}, {"seconds", elapsed}, {"kib_per_s", rate}});
+  nlohmann::json fields{{"operation", m_label}, {"bytes", m_done}, {"seconds", elapsed}, {"kib_per_s", rate}};
+  if (more.is_object()) fields.update(more);
+  m_output.info(line, fields);
 }
 
 void TerminalProgress::show(Clock::time_point now) {

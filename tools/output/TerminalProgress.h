@@ -12,6 +12,8 @@
 #include <optional>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "bringup/transfer/Progress.h"
 #include "bringup/transfer/WorkerMessages.h"
 
@@ -33,8 +35,9 @@ class TerminalProgress : public bringup::Progress {
 
   /// Counts `bytes` more as moved; redraws at most about ten times a second.
   void advance(uint64_t bytes) override;
-  /// Clears the bar and reports the summary, starting it with `prefix` ("verified ").
-  void finish(const std::string& prefix = "");
+  /// Clears the bar and reports the summary, starting it with `prefix` ("verified "); `more` adds
+  /// to its JSON object.
+  void finish(const std::string& prefix = "", const nlohmann::json& more = nullptr);
   /// The bytes moved so far.
   uint64_t done() const { return m_done; }
 
