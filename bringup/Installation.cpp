@@ -16,7 +16,8 @@ std::string installedProgram(const std::string& name) {
   }
   const std::string library = info.dli_fname;
   const size_t slash = library.rfind('/');
-  const std::string program = (slash == std::string::npos ? "." : library.substr(0, slash)) + "/../bin/" + name;
+  const std::string program =
+      (slash == std::string::npos ? "." : library.substr(0, slash)) + "/../bin/" + name;
   return ::access(program.c_str(), X_OK) == 0 ? program : "";
 }
 

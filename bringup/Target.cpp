@@ -76,7 +76,7 @@ Error Target::agentFailure(const std::string& attempted, const CallContext& cont
                            const std::string& detail) const {
   const AgentCall& call = lastAgentCall();
   const FailureReason reason = failureReason(call, context, agentLibrary());
-    Error::AgentCall failed{functionName(call.function), call.status, std::nullopt, std::nullopt};
+  Error::AgentCall failed{functionName(call.function), call.status, std::nullopt, std::nullopt};
   if (call.function == AgentFunction::kIoRead || call.function == AgentFunction::kIoWrite) {
     failed.address = call.arguments[0];
   }

@@ -1,6 +1,7 @@
 #include "tools/CommandLine.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 #include <boost/program_options.hpp>
 
@@ -13,6 +14,11 @@ namespace po = boost::program_options;
 
 namespace kvx::cli {
 namespace {
+
+/// Where kvx-agent-sim -- COMMAND says its agent listens, as HOST:PORT.
+const char* const kServerVariable = "KVX_AGENT_SERVER";
+/// The firmware's ELF file, when --elf does not name one.
+const char* const kElfVariable = "KVX_TA_ELF";
 
 /// The option's name in `token`: up to an '=' that gives its value.
 std::string optionName(const std::string& token) { return token.substr(0, token.find('=')); }
@@ -32,8 +38,8 @@ po::options_description CommandLine::options() {
   // clang-format off
   options.add_options()
       ("server", po::value<std::string>()->value_name("HOST:PORT"),
-       "the target agent to use (HOST: name, IPv4, or [IPv6]); without it kvx-ta starts its own "
-       "kvx-agent-sim on a free loopback port for the run")
+       "the target agent to use (HOST: name, IPv4, or [IPv6]; default: KVX_AGENT_SERVER); without "
+       "either, kvx-ta starts its own kvx-agent-sim on a free loopback port for the run")
       ("sim-option", po::value<std::vector<std::string>>()->value_name("OPT"),
        "an option for the kvx-agent-sim that kvx-ta starts, e.g. --sim-option=--deny=0x100:16 "
        "(repeatable)")
@@ -48,6 +54,9 @@ po::options_description CommandLine::options() {
        "split dump, load, verify, fill and crc32 over N worker processes, each with an agent "
        "session of its own (default: 4 from 64 KiB on against an agent on another machine, "
        "else 1)")
+      ("elf", po::value<std::string>()->value_name("FILE"),
+       "the firmware's ELF file: any address may then be written as SYMBOL or SYMBOL+OFFSET (or set "
+       "KVX_TA_ELF)")
       ("verbose", "show where a failure came from, the plug-in's source locations included")
       ("trace", "show every call of the agent library: its arguments, status and time, a line each on "
        "stderr (a JSON object each with --json)")
@@ -122,11 +131,17 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
     }
     invocation.jobs = static_cast<unsigned>(jobs);
   }
-  if (values.count("server") != 0) {
-    const std::string server = values["server"].as<std::string>();
+  // kvx-agent-sim -- kvx-ta ... names its agent in the environment.
+  const char* inherited = std::getenv(kServerVariable);
+  if (values.count("server") != 0 || (inherited != nullptr && *inherited != '\0')) {
+    const bool given = values.count("server") != 0;
+    const std::string server = given ? values["server"].as<std::string>() : inherited;
     std::string why;
     invocation.server = common::Endpoint::parse(server, why);
-    if (!invocation.server) throw bringup::usageError("invalid server '" + server + "' (" + why + ")");
+    if (!invocation.server) {
+      throw bringup::usageError("invalid " + std::string(given ? "server" : kServerVariable) + " '" + server +
+                                "' (" + why + ")");
+    }
   }
   if (values.count("timeout") != 0) {
     const uint64_t timeout = bringup::parseNumber(values["timeout"].as<std::string>(), "timeout");
@@ -137,7 +152,17 @@ Invocation CommandLine::parse(int argc, const char* const argv[]) {
     invocation.timeoutMs = static_cast<unsigned>(timeout);
   }
   if (values.count("sim-option") != 0) {
+    if (values.count("server") != 0) {
+      throw bringup::usageError(
+          "--sim-option is for the simulator that kvx-ta starts, and --server names an agent "
+          "instead");
+    }
     invocation.simulatorOptions = values["sim-option"].as<std::vector<std::string>>();
+  }
+  const char* elf = std::getenv(kElfVariable);
+  if (values.count("elf") != 0 || (elf != nullptr && *elf != '\0')) {
+    invocation.elf = values.count("elf") != 0 ? values["elf"].as<std::string>() : elf;
+    if (invocation.elf->empty()) throw bringup::usageError("invalid ELF file '' (a path)");
   }
   if (values.count("log-config") != 0) {
     invocation.logConfig = values["log-config"].as<std::string>();

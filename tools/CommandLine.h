@@ -31,6 +31,8 @@ struct Invocation {
   std::optional<unsigned> jobs;
   /// --trace: every agent call on stderr.
   bool trace = false;
+  /// --elf, or KVX_TA_ELF: the firmware's ELF file, whose symbols addresses may name.
+  std::optional<std::string> elf;
   bool help = false;
   bool version = false;
   /// Empty when none was given.

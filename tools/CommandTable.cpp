@@ -44,20 +44,27 @@ po::options_description CommandDefinition::options(bool hidden) const {
   return result;
 }
 
-Arguments CommandDefinition::parse(const std::vector<std::string>& words) const {
+Arguments CommandDefinition::parse(const std::vector<std::string>& words,
+                                   const bringup::ElfSymbols* symbols) const {
   po::options_description all;
   all.add(options(true));
   po::positional_options_description positional;
   for (const auto* names : {&required, &optional}) {
     for (const char* field : *names) {
-      all.add_options()(field, po::value<std::string>());
-      positional.add(field, 1);
+      const bool takesTheRest = rest && names == &optional && field == optional.back();
+      if (takesTheRest) {
+        all.add_options()(field, po::value<std::vector<std::string>>());
+        positional.add(field, -1);
+      } else {
+        all.add_options()(field, po::value<std::string>());
+        positional.add(field, 1);
+      }
     }
   }
   const std::string hint = " (usage: " + usage() + ")";
   // Counted first: the parser's time grows with the square of the words, and no valid call has
   // more than its fields, two words for each option and --help.
-  if (words.size() > required.size() + optional.size() + 2 * flags.size() + 1) {
+  if (!rest && words.size() > required.size() + optional.size() + 2 * flags.size() + 1) {
     throw bringup::usageError(std::string(name) + ": too many arguments" + hint);
   }
   po::variables_map values;
@@ -72,7 +79,7 @@ Arguments CommandDefinition::parse(const std::vector<std::string>& words) const 
   for (const char* field : required) {
     if (values.count(field) == 0) throw bringup::usageError(std::string(name) + ": missing " + field + hint);
   }
-  return Arguments(std::move(values));
+  return Arguments(std::move(values), symbols);
 }
 
 const std::vector<CommandDefinition>& commandTable() {
@@ -95,7 +102,7 @@ const CommandDefinition* findCommand(const std::string& name) {
 }
 
 Action parseCommand(const std::string& name, const std::vector<std::string>& arguments,
-                    CommandContext context) {
+                    CommandContext context, const bringup::ElfSymbols* symbols) {
   const CommandDefinition* definition = findCommand(name);
   if (definition == nullptr) throw bringup::usageError(help::unknownCommand(name));
   if (context == CommandContext::kScript && !definition->scriptable) {
@@ -105,7 +112,7 @@ Action parseCommand(const std::string& name, const std::vector<std::string>& arg
                   [](const std::string& word) { return word == "--help" || word == "-h"; })) {
     return [definition](Session& session) { session.output().text(help::command(*definition)); };
   }
-  return definition->build(definition->parse(arguments));
+  return definition->build(definition->parse(arguments, symbols));
 }
 
 }  // namespace kvx::cli

@@ -13,6 +13,8 @@
 #include <boost/program_options/options_description.hpp>
 #include <boost/program_options/variables_map.hpp>
 
+#include "bringup/Addresses.h"
+
 namespace kvx::cli {
 
 class Session;
@@ -31,13 +33,24 @@ struct Flag {
 /// The checked words of one command, by name.
 class Arguments {
  public:
-  explicit Arguments(boost::program_options::variables_map values) : m_values(std::move(values)) {}
+  Arguments(boost::program_options::variables_map values, const bringup::ElfSymbols* symbols)
+      : m_values(std::move(values)), m_symbols(symbols) {}
 
   bool has(const char* name) const { return m_values.count(name) != 0; }
   const std::string& value(const char* name) const { return m_values[name].as<std::string>(); }
+  /// The words of the field that takes the rest of the positional words.
+  const std::vector<std::string>& values(const char* name) const {
+    return m_values[name].as<std::vector<std::string>>();
+  }
+  /// The field `name` as an address: a number, or with --elf a symbol; see bringup::parseAddress.
+  bringup::ElfSymbols::Location address(const char* name, const std::string& what = "address") const {
+    return bringup::parseAddress(value(name), m_symbols, what);
+  }
+  const bringup::ElfSymbols* symbols() const { return m_symbols; }
 
  private:
   boost::program_options::variables_map m_values;
+  const bringup::ElfSymbols* m_symbols;
 };
 
 struct CommandDefinition {
@@ -53,14 +66,17 @@ struct CommandDefinition {
   bool scriptable;
   /// Checks the arguments further and returns the action; throws a usage Error.
   Action (*build)(const Arguments& arguments);
+  /// Whether the last optional field takes every positional word that is left ("VALUE...").
+  bool rest = false;
 
   /// "kvx-ta NAME SYNOPSIS".
   std::string usage() const;
   /// The options: --help and the flags, the hidden ones too when `hidden`, as parsing needs them
   /// and help does not show them.
   boost::program_options::options_description options(bool hidden = false) const;
-  /// Checks `words` against the fields and flags; throws a usage Error naming the command.
-  Arguments parse(const std::vector<std::string>& words) const;
+  /// Checks `words` against the fields and flags, addresses against `symbols` when given; throws
+  /// a usage Error naming the command.
+  Arguments parse(const std::vector<std::string>& words, const bringup::ElfSymbols* symbols) const;
 };
 
 /// Where a command comes from; a script cannot run `script` or `demo`.
@@ -70,9 +86,10 @@ enum class CommandContext { kCommandLine, kScript };
 const std::vector<CommandDefinition>& commandTable();
 /// The command called `name`, or null.
 const CommandDefinition* findCommand(const std::string& name);
-/// The command `name` with `arguments`, checked. With --help among the arguments, an action that
-/// prints the command's help and needs no target. Throws a usage Error.
+/// The command `name` with `arguments`, checked, addresses against `symbols` when given. With
+/// --help among the arguments, an action that prints the command's help and needs no target.
+/// Throws a usage Error.
 Action parseCommand(const std::string& name, const std::vector<std::string>& arguments,
-                    CommandContext context);
+                    CommandContext context, const bringup::ElfSymbols* symbols);
 
 }  // namespace kvx::cli

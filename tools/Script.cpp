@@ -27,7 +27,8 @@ std::vector<std::string> splitWords(const std::string& line) {
 /// The lines of a script, read one at a time, with their numbers.
 class ScriptReader {
  public:
-  ScriptReader(std::istream& in, std::string name) : m_in(in), m_name(std::move(name)) {}
+  ScriptReader(std::istream& in, std::string name, const bringup::ElfSymbols* symbols)
+      : m_in(in), m_name(std::move(name)), m_symbols(symbols) {}
 
   /// The next line that holds a command, checked; false at the end of the script.
   bool next(Action& action) {
@@ -38,7 +39,8 @@ class ScriptReader {
       const std::vector<std::string> words = splitWords(line);
       if (words.empty()) continue;
       located([&] {
-        action = parseCommand(words.front(), {words.begin() + 1, words.end()}, CommandContext::kScript);
+        action =
+            parseCommand(words.front(), {words.begin() + 1, words.end()}, CommandContext::kScript, m_symbols);
       });
       return true;
     }
@@ -64,6 +66,7 @@ class ScriptReader {
  private:
   std::istream& m_in;
   std::string m_name;
+  const bringup::ElfSymbols* m_symbols;
   unsigned m_number = 0;
 };
 
@@ -76,7 +79,7 @@ void runScript(const std::string& path, Session& session) {
     file.open(path);
     if (!file) throw bringup::fileError("read script", path, errno);
   }
-  ScriptReader reader(fromStdin ? std::cin : file, fromStdin ? "stdin" : path);
+  ScriptReader reader(fromStdin ? std::cin : file, fromStdin ? "stdin" : path, session.symbols());
   const auto run = [&](const Action& action, unsigned number) {
     try {
       action(session);

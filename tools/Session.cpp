@@ -1,5 +1,7 @@
 #include "tools/Session.h"
 
+#include <algorithm>
+
 #include "bringup/AgentCalls.h"
 #include "bringup/Error.h"
 #include "bringup/Target.h"
@@ -19,14 +21,15 @@ const char* const kProcessName = "kvx-ta";
 
 }  // namespace
 
-Session::Session(const Invocation& invocation, Output& output)
+Session::Session(const Invocation& invocation, Output& output, const bringup::ElfSymbols* symbols)
     : m_server(invocation.server),
       m_simulatorOptions(invocation.simulatorOptions),
       m_force(invocation.force),
       m_worker(invocation.output.worker),
       m_jobs(invocation.jobs),
       m_timeoutMs(invocation.timeoutMs),
-      m_output(output) {
+      m_output(output),
+      m_symbols(symbols) {
   if (invocation.trace) {
     bringup::observeAgentCalls([&output](const bringup::AgentCall& call) { output.trace(call); });
   }
@@ -72,8 +75,10 @@ bringup::Target& Session::target() {
 common::Endpoint Session::agentEndpoint() {
   if (m_server) return *m_server;
   if (!m_embedded) {
-    std::vector<std::string> options{"--quiet"};
-    options.insert(options.end(), m_simulatorOptions.begin(), m_simulatorOptions.end());
+    // Quiet, as the user may have said already: the simulator takes each option once.
+    std::vector<std::string> options = m_simulatorOptions;
+    if (std::find(options.begin(), options.end(), "--quiet") == options.end())
+      options.insert(options.begin(), "--quiet");
     try {
       m_embedded = std::make_unique<common::SimulatorProcess>(simulatorPath(), options,
                                                               common::SimulatorProcess::Stderr::kCapture);

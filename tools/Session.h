@@ -19,6 +19,7 @@ class SimulatorProcess;
 }  // namespace kvx::common
 
 namespace kvx::bringup {
+class ElfSymbols;
 class Target;
 }  // namespace kvx::bringup
 
@@ -33,7 +34,7 @@ class Session {
   /// simulator beside this program with the --sim-option options and announces it. Results and
   /// messages go to `output`, which must outlive the session. With --trace, every agent call from
   /// now on goes to `output` too.
-  Session(const Invocation& invocation, Output& output);
+  Session(const Invocation& invocation, Output& output, const bringup::ElfSymbols* symbols);
   /// Closes the target, then stops the simulator.
   ~Session();
 
@@ -44,6 +45,8 @@ class Session {
   /// the agent cannot be reached.
   bringup::Target& target();
   Output& output() { return m_output; }
+  /// The firmware's symbols, when --elf named its ELF file; null otherwise. Owned by the caller.
+  const bringup::ElfSymbols* symbols() const { return m_symbols; }
 
   /// A transfer of `length` bytes on this session's target, reporting to `progress` and stopped
   /// by Ctrl-C: in this process, or split between workers as --jobs (or kvx-ta's choice) says.
@@ -68,6 +71,7 @@ class Session {
   std::optional<unsigned> m_jobs;
   std::optional<unsigned> m_timeoutMs;
   Output& m_output;
+  const bringup::ElfSymbols* m_symbols;
   // Declared in this order so that the target goes before the agent it talks to.
   std::unique_ptr<common::SimulatorProcess> m_embedded;
   std::unique_ptr<bringup::Target> m_target;

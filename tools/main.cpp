@@ -3,8 +3,10 @@
 
 #include <cstdlib>
 #include <exception>
+#include <memory>
 
 #include "bringup/Error.h"
+#include "bringup/image/ElfSymbols.h"
 #include "common/AgentTimeout.h"
 #include "tools/CommandLine.h"
 #include "tools/CommandTable.h"
@@ -48,13 +50,16 @@ void run(const Invocation& invocation, Output& output) {
   }
   if (invocation.command.empty()) throw kvx::bringup::usageError("no command given (try 'kvx-ta --help')");
   // Checked before logging is set up and anything is started.
-  const Action action = parseCommand(invocation.command, invocation.arguments, CommandContext::kCommandLine);
+  const std::unique_ptr<kvx::bringup::ElfSymbols> symbols =
+      invocation.elf ? std::make_unique<kvx::bringup::ElfSymbols>(*invocation.elf) : nullptr;
+  const Action action =
+      parseCommand(invocation.command, invocation.arguments, CommandContext::kCommandLine, symbols.get());
   configureLogging(invocation.logConfig);
   if (invocation.timeoutMs) {
     ::setenv(kvx::common::kAgentTimeoutVariable, std::to_string(*invocation.timeoutMs).c_str(), 1);
   }
   interrupt::install();
-  Session session(invocation, output);
+  Session session(invocation, output, symbols.get());
   action(session);
 }
 
