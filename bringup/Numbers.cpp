@@ -44,6 +44,34 @@ std::vector<uint8_t> parsePattern(const std::string& text, const std::string& wh
   return pattern;
 }
 
+std::string hexBytes(const std::vector<uint8_t>& bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const uint8_t byte : bytes) {
+    text.push_back(kDigits[byte >> 4]);
+    text.push_back(kDigits[byte & 0xf]);
+  }
+  return text;
+}
+
+std::optional<std::vector<uint8_t>> parseHexBytes(const std::string& text) {
+  const auto digit = [](char c) {
+    return c >= '0' && c <= '9'   ? c - '0'
+           : c >= 'a' && c <= 'f' ? c - 'a' + 10
+           : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                  : -1;
+  };
+  if (text.size() % 2 != 0) return std::nullopt;
+  std::vector<uint8_t> bytes;
+  for (size_t i = 0; i < text.size(); i += 2) {
+    const int high = digit(text[i]);
+    const int low = digit(text[i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    bytes.push_back(static_cast<uint8_t>(high << 4 | low));
+  }
+  return bytes;
+}
+
 std::string hexPadded(uint64_t value, unsigned digits) {
   char text[2 + 16 + 1];
   std::snprintf(text, sizeof text, "0x%0*llx", static_cast<int>(digits),

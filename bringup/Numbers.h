@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,11 @@ unsigned parseAccessSize(const std::string& text);
 /// written: 0xa5 is one byte, 0x000000a5 four; a decimal pattern takes as few bytes as its value
 /// needs. Throws a usage Error naming `what` otherwise.
 std::vector<uint8_t> parsePattern(const std::string& text, const std::string& what);
+
+/// Bytes as pairs of hex digits, in order: "deadbeef".
+std::string hexBytes(const std::vector<uint8_t>& bytes);
+/// The bytes that pairs of hex digits spell; none when `text` is anything else.
+std::optional<std::vector<uint8_t>> parseHexBytes(const std::string& text);
 
 /// "0x" and exactly `digits` hex digits (more when the value needs them).
 std::string hexPadded(uint64_t value, unsigned digits);

@@ -17,6 +17,26 @@ Range checkedRange(uint64_t address, uint64_t length) {
   return {address, length};
 }
 
+void checkAligned(const Range& range, unsigned width) {
+  if (width <= 1) return;
+  if (range.address % width != 0) {
+    throw usageError("the start " + hexAddress(range.address) + " is not a multiple of the width " +
+                     std::to_string(width));
+  }
+  if (range.length % width != 0) {
+    throw usageError("the end " + hexAddress(range.address + range.length) + " (" + byteCount(range.length) +
+                     " from the start) is not a multiple of the width " + std::to_string(width));
+  }
+}
+
+unsigned parseWidth(const std::string& text) {
+  uint64_t width = 0;
+  if (!parseUnsigned(text, width) || (width != 1 && width != 2 && width != 4 && width != 8)) {
+    throw usageError("invalid width '" + text + "' (1, 2, 4 or 8)");
+  }
+  return static_cast<unsigned>(width);
+}
+
 std::vector<Range> splitRange(const Range& range, unsigned jobs) {
   std::vector<Range> parts;
   const uint64_t share = range.length / (jobs == 0 ? 1 : jobs);

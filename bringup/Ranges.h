@@ -29,6 +29,13 @@ struct Range {
 /// The range, checked: a usage Error when it runs past the top of the 64-bit address space.
 Range checkedRange(uint64_t address, uint64_t length);
 
+/// Throws a usage Error, naming the edge that is off, when `range` does not start and end on
+/// multiples of `width` (1, 2, 4 or 8; 0 asks nothing).
+void checkAligned(const Range& range, unsigned width);
+
+/// `text` as an access width: 1, 2, 4 or 8. Throws a usage Error otherwise.
+unsigned parseWidth(const std::string& text);
+
 /// The size of the access at `address` with `remaining` bytes of the range to go.
 constexpr unsigned accessSizeAt(uint64_t address, uint64_t remaining) {
   const uint64_t toBoundary = kMaxAccessBytes - address % kMaxAccessBytes;

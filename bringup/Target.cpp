@@ -119,6 +119,16 @@ void Target::write(uint64_t address, const uint8_t* bytes, unsigned size) {
           [&] { m_process->write_mem(where, 1, size, bytes); });
 }
 
+std::pair<uint64_t, uint64_t> Target::modify(uint64_t address, unsigned size, uint64_t set, uint64_t clear) {
+  uint8_t bytes[kMaxAccessBytes];
+  read(address, bytes, size);
+  const uint64_t old = fromTargetBytes(bytes, size);
+  const uint64_t changed = (old & ~clear) | set;
+  toTargetBytes(changed, bytes, size);
+  write(address, bytes, size);
+  return {old, changed};
+}
+
 size_t Target::readOnce(uint64_t address, size_t count, unsigned unitSize, uint8_t* bytes) {
   const vorn::ExtAddress where{m_memorySpace, address};
   // The plug-in's byte count wraps modulo 2^64, as this product does, and is cut to 8.

@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include <boost/shared_ptr.hpp>
 
@@ -53,6 +54,9 @@ class Target {
   /// One access of `size` bytes (0 to 8) at `address`, bytes in target memory order.
   void read(uint64_t address, uint8_t* bytes, unsigned size);
   void write(uint64_t address, const uint8_t* bytes, unsigned size);
+  /// One read of `size` bytes at `address`, then one write of (old & ~clear) | set: the old value
+  /// and the new one.
+  std::pair<uint64_t, uint64_t> modify(uint64_t address, unsigned size, uint64_t set, uint64_t clear);
   /// One read_mem call of `count` * `unitSize` bytes, as a host makes it: the plug-in moves at
   /// most 8 bytes into `bytes` and warns of a longer request. Returns the bytes moved.
   size_t readOnce(uint64_t address, size_t count, unsigned unitSize, uint8_t* bytes);

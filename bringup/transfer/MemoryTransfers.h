@@ -8,6 +8,7 @@
 
 #include "bringup/Ranges.h"
 #include "bringup/transfer/Transfer.h"
+#include "bringup/transfer/WorkerMessages.h"
 
 namespace kvx::bringup {
 
@@ -21,6 +22,18 @@ void fill(Transfer& transfer, const Range& range, const std::vector<uint8_t>& pa
 
 /// The CRC-32 of `range`: zlib's, gzip's and Python's zlib.crc32.
 uint32_t crc32(Transfer& transfer, const Range& range);
+
+/// The addresses in `range` where `pattern` (1 to kMaxPattern bytes, in target memory order)
+/// starts, in address order: at any byte, or only at multiples of the transfer's width. Workers
+/// search their parts and hand the parent each part's first and last bytes, so that a match
+/// across the seam of two parts is found without reading any byte twice.
+std::vector<uint64_t> search(Transfer& transfer, const Range& range, const std::vector<uint8_t>& pattern);
+/// The longest pattern that search takes.
+constexpr size_t kMaxPattern = 256;
+
+/// What search finds in one part, in this process: the matches wholly inside it, and its first
+/// and last bytes (one fewer than the pattern has), which a worker hands the parent.
+SearchResult searchPart(Transfer& transfer, const Range& range, const std::vector<uint8_t>& pattern);
 
 /// What wait looks for: the `size` bytes at `address`, ANDed with `mask`, equal to `value`.
 struct WaitCondition {

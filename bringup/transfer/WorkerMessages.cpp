@@ -16,6 +16,9 @@ const char* const kError = "error";
 const char* const kReason = "reason";
 const char* const kKind = "kind";
 const char* const kCrc32 = "crc32";
+const char* const kMatches = "matches";
+const char* const kHead = "head";
+const char* const kTail = "tail";
 
 Error::Kind kindNamed(const std::string& name) {
   for (Error::Kind kind : {Error::Kind::kUsage, Error::Kind::kTarget, Error::Kind::kConnection,
@@ -23,6 +26,12 @@ Error::Kind kindNamed(const std::string& name) {
     if (name == Error::kindName(kind)) return kind;
   }
   return Error::Kind::kTarget;
+}
+
+/// `words`, and the access width when there is one.
+std::vector<std::string> withWidth(std::vector<std::string> words, unsigned width) {
+  if (width != 0) words.insert(words.end(), {"--width", std::to_string(width)});
+  return words;
 }
 
 }  // namespace
@@ -35,19 +44,26 @@ std::vector<std::string> workerOptions(const common::Endpoint& agent, std::optio
   return options;
 }
 
-std::vector<std::string> dumpPartCommand(const Range& part) {
-  return {"dump", hexAddress(part.address), std::to_string(part.length), "--out", "-"};
+std::vector<std::string> dumpPartCommand(const Range& part, unsigned width) {
+  return withWidth({"dump", hexAddress(part.address), std::to_string(part.length), "--out", "-"}, width);
 }
 
-std::vector<std::string> fillPartCommand(const Range& part, const std::vector<uint8_t>& pattern) {
+std::vector<std::string> fillPartCommand(const Range& part, const std::vector<uint8_t>& pattern,
+                                         unsigned width) {
   // The pattern as kvx-ta reads it: hex digits, most significant byte first, as wide as written.
   std::string text = "0x";
   for (size_t i = pattern.size(); i-- > 0;) text += hexPadded(pattern[i], 2).substr(2);
-  return {"fill", hexAddress(part.address), std::to_string(part.length), text};
+  return withWidth({"fill", hexAddress(part.address), std::to_string(part.length), text}, width);
 }
 
-std::vector<std::string> crc32PartCommand(const Range& part) {
-  return {"crc32", hexAddress(part.address), std::to_string(part.length)};
+std::vector<std::string> crc32PartCommand(const Range& part, unsigned width) {
+  return withWidth({"crc32", hexAddress(part.address), std::to_string(part.length)}, width);
+}
+
+std::vector<std::string> searchPartCommand(const Range& part, const std::vector<uint8_t>& pattern,
+                                           unsigned width) {
+  return withWidth(
+      {"search", hexAddress(part.address), std::to_string(part.length), "--bytes", hexBytes(pattern)}, width);
 }
 
 std::vector<std::string> imagePartCommand(const char* command, const std::vector<std::string>& imageWords,
@@ -91,6 +107,13 @@ std::string failureMessage(const Error& error) {
   return message.dump() + "\n";
 }
 
+std::string searchMessage(const SearchResult& result) {
+  json matches = json::array();
+  for (uint64_t match : result.matches) matches.push_back(hexAddress(match));
+  return json{{kMatches, matches}, {kHead, hexBytes(result.head)}, {kTail, hexBytes(result.tail)}}.dump() +
+         "\n";
+}
+
 std::string crc32Message(uint32_t crc) { return json{{kCrc32, hexPadded(crc, 8)}}.dump() + "\n"; }
 
 WorkerMessage parseWorkerMessage(const std::string& line) {
@@ -107,6 +130,24 @@ WorkerMessage parseWorkerMessage(const std::string& line) {
   if (object.contains(kCrc32) && object[kCrc32].is_string() &&
       parseUnsigned(object[kCrc32].get<std::string>(), crc) && crc <= UINT32_MAX) {
     message.crc32 = static_cast<uint32_t>(crc);
+  }
+  if (object.contains(kMatches) && object[kMatches].is_array() && object.contains(kHead) &&
+      object.contains(kTail)) {
+    SearchResult result;
+    for (const json& match : object[kMatches]) {
+      uint64_t address = 0;
+      if (match.is_string() && parseUnsigned(match.get<std::string>(), address))
+        result.matches.push_back(address);
+    }
+    const auto head =
+        object[kHead].is_string() ? parseHexBytes(object[kHead].get<std::string>()) : std::nullopt;
+    const auto tail =
+        object[kTail].is_string() ? parseHexBytes(object[kTail].get<std::string>()) : std::nullopt;
+    if (head && tail) {
+      result.head = *head;
+      result.tail = *tail;
+      message.search = std::move(result);
+    }
   }
   return message;
 }

@@ -26,9 +26,10 @@ std::vector<std::string> workerOptions(const common::Endpoint& agent, std::optio
 
 /// The worker's commands for a part of a dump, a fill with `pattern` (as many bytes as the pattern
 /// has, in target memory order, starting at the part's first byte) and a CRC-32.
-std::vector<std::string> dumpPartCommand(const Range& part);
-std::vector<std::string> fillPartCommand(const Range& part, const std::vector<uint8_t>& pattern);
-std::vector<std::string> crc32PartCommand(const Range& part);
+/// Each with the transfer's access width, when it has one.
+std::vector<std::string> dumpPartCommand(const Range& part, unsigned width);
+std::vector<std::string> fillPartCommand(const Range& part, const std::vector<uint8_t>& pattern, unsigned width);
+std::vector<std::string> crc32PartCommand(const Range& part, unsigned width);
 /// The worker's command for the bytes of an image that lie in `part`: "load" or "verify", then
 /// the image's file and the options that read it as the whole transfer does.
 std::vector<std::string> imagePartCommand(const char* command, const std::vector<std::string>& imageWords,
@@ -44,11 +45,23 @@ std::string progressMessage(uint64_t bytes);
 std::string failureMessage(const Error& error);
 std::string crc32Message(uint32_t crc);
 
+/// What a worker's search of its part found: the matches wholly inside it, and its first and
+/// last bytes, one fewer than the pattern has, for the matches across its seams.
+struct SearchResult {
+  std::vector<uint64_t> matches;
+  std::vector<uint8_t> head;
+  std::vector<uint8_t> tail;
+};
+std::vector<std::string> searchPartCommand(const Range& part, const std::vector<uint8_t>& pattern,
+                                           unsigned width);
+std::string searchMessage(const SearchResult& result);
+
 /// One line that a worker wrote, read back; every field empty when the line is not a message.
 struct WorkerMessage {
   std::optional<uint64_t> progress;
   std::optional<Error> failure;
   std::optional<uint32_t> crc32;
+  std::optional<SearchResult> search;
 };
 WorkerMessage parseWorkerMessage(const std::string& line);
 

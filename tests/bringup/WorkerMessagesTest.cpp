@@ -29,7 +29,7 @@ TEST(WorkerMessagesTest, WhatAWorkerWritesItsParentReadsBack) {
 
 TEST(WorkerMessagesTest, AFillPartStartsWithThePatternBytesOfItsFirstAddress) {
   // As kvx-ta reads a pattern: hex digits, most significant byte first.
-  EXPECT_EQ(bringup::fillPartCommand({0x20, 8}, {0x33, 0x11, 0x22}),
+  EXPECT_EQ(bringup::fillPartCommand({0x20, 8}, {0x33, 0x11, 0x22}, 0),
             (std::vector<std::string>{"fill", "0x20", "8", "0x221133"}));
 }
 

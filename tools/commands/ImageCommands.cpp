@@ -25,17 +25,6 @@ struct ImageRequest {
   std::optional<Range> part;
 };
 
-/// The width that --width gives: 1, 2, 4 or 8; 0 without it.
-unsigned widthOf(const Arguments& arguments) {
-  if (!arguments.has("width")) return 0;
-  const std::string& text = arguments.value("width");
-  uint64_t width = 0;
-  if (!bringup::parseUnsigned(text, width) || (width != 1 && width != 2 && width != 4 && width != 8)) {
-    throw bringup::usageError("invalid width '" + text + "' (1, 2, 4 or 8)");
-  }
-  return static_cast<unsigned>(width);
-}
-
 ImageRequest imageRequest(const Arguments& arguments) {
   ImageRequest request;
   request.source.path = arguments.value("FILE");
@@ -50,7 +39,7 @@ ImageRequest imageRequest(const Arguments& arguments) {
     }
   }
   request.source.options.virtualAddresses = arguments.has("vaddr");
-  request.source.options.width = widthOf(arguments);
+  request.source.options.width = arguments.has("width") ? bringup::parseWidth(arguments.value("width")) : 0;
   if (arguments.has("part")) {
     request.part = bringup::parsePartOption(arguments.value("part"));
     if (!request.part) throw bringup::usageError("invalid part '" + arguments.value("part") + "'");

@@ -11,9 +11,17 @@ constexpr char kDigits[] = "0123456789abcdef";
 
 }  // namespace
 
+int addressDigits(uint64_t last) { return last > kLargest32BitAddress ? 16 : 8; }
+
+std::string wordLine(uint64_t address, int digits, unsigned width, const std::vector<uint64_t>& values) {
+  std::string line = bringup::hexPadded(address, static_cast<unsigned>(digits)).substr(2) + ": ";
+  for (const uint64_t value : values) line += " " + bringup::hexPadded(value, 2 * width).substr(2);
+  return line;
+}
+
 HexDump::HexDump(Output& out, uint64_t address, uint64_t length)
     : m_out(out),
-      m_addressDigits(length != 0 && address + (length - 1) > kLargest32BitAddress ? 16 : 8),
+      m_addressDigits(addressDigits(length != 0 ? address + (length - 1) : address)),
       m_lineAddress(address) {}
 
 void HexDump::append(const uint8_t* bytes, size_t count) {

@@ -10,10 +10,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace kvx::cli {
 
 class Output;
+
+/// How many hex digits an address column takes for a range that ends at `last`: 8, or 16 above
+/// 4 GiB.
+int addressDigits(uint64_t last);
+
+/// A line of a word view: the address, then `values`, each zero-padded to `width` bytes:
+/// "00001000:  00000001 00000002 00000003 00000004".
+std::string wordLine(uint64_t address, int digits, unsigned width, const std::vector<uint64_t>& values);
 
 class HexDump {
  public:
