@@ -50,19 +50,19 @@ def test_reservations_and_admission(kvx_target):
     assert ta_kvx.admission({"ServerPort": 1}) == ta_kvx.TA_METHOD_MISSING
 
 
-def test_failures_say_why_from_the_agent_call_that_failed():
-    with Simulator(deny=[(0xDEAD0000, 0x100)]) as simulator:
-        target = Target(simulator.host, simulator.port)
-        with pytest.raises(TargetError) as refused:
-            target.read_u32(0xDEAD0010)
-        assert (refused.value.address, refused.value.call) == (0xDEAD0010, "io_read")
-        assert refused.value.reason.startswith("access denied")
-        assert "0xdead0010" in refused.value.message
-        assert target.read_u32(0xDEAD0100) == 0  # the session survives a refusal
-        with pytest.raises(TargetError) as unknown:
-            target.read_register("r64")
-        assert (unknown.value.register, unknown.value.call) == ("r64", "reg_read")
-        assert "unknown register" in unknown.value.reason
+@pytest.mark.kvx_sim(deny=[(0xDEAD0000, 0x100)])
+def test_failures_say_why_from_the_agent_call_that_failed(kvx_target):
+    target = kvx_target
+    with pytest.raises(TargetError) as refused:
+        target.read_u32(0xDEAD0010)
+    assert (refused.value.address, refused.value.call) == (0xDEAD0010, "io_read")
+    assert refused.value.reason.startswith("access denied")
+    assert "0xdead0010" in refused.value.message
+    assert target.read_u32(0xDEAD0100) == 0  # the session survives a refusal
+    with pytest.raises(TargetError) as unknown:
+        target.read_register("r64")
+    assert (unknown.value.register, unknown.value.call) == ("r64", "reg_read")
+    assert "unknown register" in unknown.value.reason
     with pytest.raises(TargetError) as unreachable:
         Target("127.0.0.1", 1).read_u8(0)
     assert "connection refused" in unreachable.value.reason and unreachable.value.status is not None
@@ -79,6 +79,30 @@ def test_transfers_match_their_python_equivalents(kvx_target, tmp_path):
     assert kvx_target.wait(0x40, 0x34, size=1, timeout_ms=100) == 0x34
     with pytest.raises(TargetError, match="waited 50 ms for 0x0000ffff at 0x40"):
         kvx_target.wait(0x40, 0xFFFF, timeout_ms=50, interval_ms=1000)
+
+
+def test_widths_search_and_modify(kvx_target):
+    kvx_target.fill(0x2000, 32, b"\xcd\xab", width=2)
+    assert kvx_target.search(0x2000, 32, b"\xcd\xab", width=2) == list(range(0x2000, 0x2020, 2))
+    assert kvx_target.search(0x2000, 32, b"\xab\xcd", width=2) == []
+    assert kvx_target.search(0x2000, 32, b"\xab\xcd") == list(range(0x2001, 0x201F, 2))
+    with pytest.raises(ValueError, match="not a multiple of the width 4"):
+        kvx_target.read(0x2002, 8, width=4)
+    kvx_target.write_u32(0x1000, 0xF)
+    assert kvx_target.modify(0x1000, set=0x10, clear=0x1) == (0xF, 0x1E)
+
+
+def test_a_firmware_loads_and_its_symbols_name_addresses(kvx_target):
+    firmware = os.environ["KVX_TEST_FIRMWARE"]
+    target = Target(kvx_target.host, kvx_target.port, elf=firmware)
+    entry = target.load(firmware, verify=True, jobs=2)
+    assert entry is not None and entry == int.from_bytes(open(firmware, "rb").read()[24:32], "little")
+    assert target.read_u32("g_boot_status") == 0x1234ABCD
+    address, size = target.symbols["g_table"]
+    assert size == 32 and target.read("g_table", 8) == bytes(range(1, 9))
+    assert target.read("g_table+4", 1) == b"\x05" and address == target.symbols["g_table"][0]
+    with pytest.raises(ValueError, match="g_boot_status"):
+        target.read_u32("g_boot_statsu")
 
 
 def test_a_target_reaches_its_agent_again_after_a_restart_on_the_same_port():
@@ -186,7 +210,7 @@ def test_access_to_a_hung_agent_fails_while_other_threads_run(monkeypatch):
 
 
 def test_warning_of_the_plugin_arrives_in_logging(kvx_target, caplog):
-    assert kvx_target.read_mem(0x1000, count=2, unit_size=8) == bytes(8)
+    assert kvx_target.read_mem(0x70000000, count=2, unit_size=8) == bytes(8)
     (record,) = [r for r in caplog.records if r.name == "ta_kvx"]
     assert record.levelname == "WARNING"
     assert "more than 64 bits" in record.getMessage()
