@@ -178,7 +178,6 @@ TEST_F(KvxTaTest, UsageErrorsExitWithTwoAndOneLineNamingTheArgument) {
       {"write 0 0x100 1", "invalid value '0x100' (does not fit in 1 byte)"},
       {"dump 0xfffffffffffffff0 17", "run past the end of the 64-bit address space"},
       {"dump 0 16 --bogus", "unrecognised option '--bogus'"},
-      {"--server localhost read 0", "invalid server 'localhost'"},
   };
   for (const auto& [command, message] : cases) {
     const ProgramResult r = kvxTa(command);
