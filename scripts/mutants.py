@@ -7,7 +7,7 @@ the tests that own the faulty layer, and puts the file back, whatever happens. A
 and counted as not caught, since it says nothing about the tests.
 
     scripts/mutants.py            every fault
-    scripts/mutants.py sim cli    the faults of some layers (plugin, agent, sim, cli)
+    scripts/mutants.py sim cli    the faults of some layers (plugin, agent, sim, bringup, cli)
     scripts/mutants.py --list     the faults, without running anything
 """
 
@@ -25,7 +25,9 @@ TESTS = {
     "plugin": ["-L", "unit|concurrency"],
     "agent": ["-R", "AgentProtocol|TargetAgentClient|AgentFault"],
     "sim": ["-R", "Simulator|ReservationMap|TargetMemory|RegisterFile|^ConnectionTest|TargetAgentClient"],
-    "cli": ["-R", "KvxTa"],
+    "bringup": ["-R", "ErrorTest|FailureReasons|Numbers|Ranges|WorkerMessages|TargetTest|Image|ElfSymbols|"
+                      "OutputFile|ScratchFile|KvxTa|ForeignAgent|Pytest"],
+    "cli": ["-R", "KvxTa|CommandLine|HexDump"],
 }
 
 # (layer, file, text as it stands, replacement, what the fault does)
@@ -102,24 +104,40 @@ FAULTS = [
     ("sim", "sim/ReservationMap.cpp", "size > kLargestRoundableSize || ", "", "a size near 2^64 wraps to a small block"),
     ("sim", "sim/RegisterFile.cpp", "if (bits < 64 && (value >> bits) != 0) return", "if (false) return",
      "a value too wide for its register is written"),
-    # ---- kvx-ta ----
-    ("cli", "common/Numbers.cpp", 'hex ? "0123456789abcdefABCDEF" : "0123456789"', '"0123456789abcdefABCDEF"',
-     "decimal numbers take hex digits"),
-    ("cli", "common/Numbers.cpp", "(!hex && digits.size() > 1 && digits[0] == '0')", "false",
-     "010 is read as decimal ten"),
-    ("cli", "tools/Numbers.cpp", "if (length != 0 && address > std::numeric_limits<uint64_t>::max() - (length - 1)) {",
-     "if (false) {", "a range past the top of the address space is accepted"),
-    ("cli", "tools/main.cpp", "constexpr int kUsage = 2;", "constexpr int kUsage = 1;", "usage errors exit 1"),
-    ("cli", "tools/HexDump.cpp", "c >= 0x20 && c < 0x7f", "c >= 0x20 && c <= 0x7f", "DEL is printed in the ASCII column"),
-    ("cli", "tools/Transfer.cpp", "if (expected[i] != found[i]) {", "if (false) {", "verify finds no mismatch"),
-    ("cli", "tools/TransferCommands.cpp", "static_cast<z_off_t>(parts[index].length)", "static_cast<z_off_t>(length)",
-     "the workers' CRCs are joined with the whole range's length"),
-    ("cli", "tools/TransferCommands.cpp", "pattern[(part.address - address + i) % width]", "pattern[i % width]",
-     "each worker starts the fill pattern afresh"),
-    ("cli", "tools/OutputFile.cpp", "    ::close(m_fd);\n    ::unlink(m_temporary.c_str());\n  }\n}",
-     "    ::close(m_fd);\n  }\n}", "an abandoned output file stays behind"),
-    ("cli", "tools/Workers.cpp", "m_progress.advance(line[\"done\"].get<uint64_t>());", "(void)line;",
+    # ---- The bring-up library ----
+    ("bringup", "bringup/Ranges.cpp",
+     "if (length != 0 && address > std::numeric_limits<uint64_t>::max() - (length - 1)) {", "if (false) {",
+     "a range past the top of the address space is accepted"),
+    ("bringup", "bringup/Ranges.cpp", "  if (range.address % width != 0) {", "  if (false) {",
+     "a misaligned start is taken with a width"),
+    ("bringup", "bringup/transfer/Transfer.cpp", "if (expected[i] != found[i]) {", "if (false) {",
+     "verify finds no mismatch"),
+    ("bringup", "bringup/transfer/MemoryTransfers.cpp", "static_cast<z_off_t>(parts[index].length)",
+     "static_cast<z_off_t>(range.length)", "the workers' CRCs are joined with the whole range's length"),
+    ("bringup", "bringup/transfer/MemoryTransfers.cpp", "pattern[(part.address - range.address + i) % width]",
+     "pattern[i % width]", "each worker starts the fill pattern afresh"),
+    ("bringup", "bringup/transfer/MemoryTransfers.cpp", "std::vector<uint8_t> seam = previous->tail;",
+     "std::vector<uint8_t> seam;", "a match across the seam of two workers' parts is lost"),
+    ("bringup", "bringup/transfer/Workers.cpp", "if (message.progress) m_transfer.advance(*message.progress);", "",
      "the workers' progress is not counted"),
+    ("bringup", "bringup/FailureReasons.cpp", "if (library.known) return knownReason(call, context);",
+     "return knownReason(call, context);", "another agent library's statuses are interpreted"),
+    ("bringup", "bringup/AgentCalls.cpp", "found.known = ioRead != nullptr && buildIdAt(ioRead) == kStandInBuildId;",
+     "found.known = false;", "the stand-in is not recognised"),
+    ("bringup", "bringup/file/OutputFile.cpp", "  return ::fchmod(m_file.get(), mode) == 0 ? 0 : errno;", "  return 0;",
+     "a replaced file loses its mode"),
+    ("bringup", "bringup/image/RecordImage.cpp", "      throw overlap(m_file, m_format, parser, record, *run);",
+     "      (void)run;", "records that overlap are loaded"),
+    # ---- kvx-ta ----
+    ("bringup", "common/Numbers.cpp", 'hex ? "0123456789abcdefABCDEF" : "0123456789"', '"0123456789abcdefABCDEF"',
+     "decimal numbers take hex digits"),
+    ("bringup", "common/Numbers.cpp", "(!hex && digits.size() > 1 && digits[0] == '0')", "false",
+     "010 is read as decimal ten"),
+    ("cli", "tools/main.cpp", "      return 2;", "      return 1;", "usage errors exit 1"),
+    ("cli", "tools/output/HexDump.cpp", "c >= 0x20 && c < 0x7f", "c >= 0x20 && c <= 0x7f",
+     "DEL is printed in the ASCII column"),
+    ("cli", "tools/Script.cpp", "  if (fromStdin) {", "  if (true) {",
+     "a script file runs before its last line is checked"),
 ]
 
 
