@@ -51,7 +51,7 @@ po::options_description CommandLine::options() {
       ("progress", "show the progress of long transfers even when stderr is not a terminal")
       ("force", "allow transfers larger than 256 MiB")
       ("jobs", po::value<std::string>()->value_name("N"),
-       "split dump, load, verify, fill and crc32 over N worker processes, each with an agent "
+       "split dump, load, verify, fill, crc32 and search over N worker processes, each with an agent "
        "session of its own (default: 4 from 64 KiB on against an agent on another machine, "
        "else 1)")
       ("elf", po::value<std::string>()->value_name("FILE"),

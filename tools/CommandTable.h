@@ -57,7 +57,7 @@ struct CommandDefinition {
   const char* name;
   /// The arguments as the synopsis shows them.
   const char* synopsis;
-  const char* summary;
+  std::string summary;
   std::string description;
   std::vector<const char*> required;
   std::vector<const char*> optional;

@@ -262,7 +262,7 @@ template <unsigned Width>
 CommandDefinition readWords(const char* name) {
   return {name,
           "ADDR [COUNT]",
-          "COUNT values of one width (default 1), one access each",
+          "COUNT " + std::to_string(8 * Width) + "-bit values (default 1) in a word view",
           "Reads COUNT values (default 1) of " + std::to_string(8 * Width) +
               " bits from ADDR on, one access of " + std::to_string(Width) +
               (Width == 1 ? " byte" : " bytes") +
@@ -280,7 +280,7 @@ template <unsigned Width>
 CommandDefinition writeWords(const char* name) {
   return {name,
           "ADDR VALUE...",
-          "write values of one width at consecutive addresses",
+          "write " + std::to_string(8 * Width) + "-bit values at consecutive addresses",
           "Writes each VALUE in one access of " + std::to_string(Width) + (Width == 1 ? " byte" : " bytes") +
               ", at ADDR and the addresses after it. Every\n"
               "VALUE must fit in that width; they are all checked before anything is written.",
@@ -325,7 +325,7 @@ std::vector<CommandDefinition> accessCommands() {
       writeWords<4>("write32"),
       writeWords<8>("write64"),
       {"modify",
-       "ADDR [SIZE] [--set MASK] [--clear MASK]",
+       "ADDR [SIZE] [options]",
        "read, clear and set bits, write back",
        "Reads SIZE bytes (1 to 8, default 4) at ADDR once, then writes (old & ~CLEAR) | SET back\n"
        "once, and prints \"old -> new\".",

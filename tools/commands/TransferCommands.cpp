@@ -238,7 +238,7 @@ std::vector<CommandDefinition> transferCommands() {
        true,
        buildCrc32},
       {"search",
-       "ADDR LENGTH [PATTERN] [options]",
+       "ADDR LENGTH [PATTERN]",
        "every address in a range where a pattern starts",
        "Reads LENGTH bytes from ADDR and prints every address where the pattern starts, one a\n"
        "line; exits with status 1 when there is none. The pattern is PATTERN, by fill's rule (1\n"
