@@ -254,7 +254,9 @@ LineEditor::LineEditor(Output& output, const bringup::ElfSymbols* symbols)
   el_set(m_editor, EL_PROMPT, &LineEditor::prompt);
   el_set(m_editor, EL_HIST, history, m_history);
   el_set(m_editor, EL_GETCFN, &LineEditor::readKey);
-  el_set(m_editor, EL_ADDFN, "kvx-complete", "complete the word before the cursor", &LineEditor::complete);
+  // Through the wide interface, which keeps these strings where they are; the narrow one copies
+  // them and never frees the copies.
+  el_wset(m_editor, EL_ADDFN, L"kvx-complete", L"complete the word before the cursor", &LineEditor::complete);
   el_set(m_editor, EL_BIND, "^I", "kvx-complete", nullptr);
   // Last, so that the user's ~/.editrc may change any of the above.
   el_source(m_editor, nullptr);

@@ -87,12 +87,12 @@ class Terminal {
     }
   }
 
-  /// Waits, up to the deadline, for the program to take the terminal out of line editing: the
-  /// line typed is then running.
-  bool waitForCookedMode() {
+  /// Waits, up to the deadline, for the terminal to be in line editing (`editing`), or out of
+  /// it, when the line typed runs.
+  bool waitForEditing(bool editing) {
     for (const Clock::time_point end = Clock::now() + kDeadline; Clock::now() < end;) {
       termios modes{};
-      if (::tcgetattr(m_master, &modes) == 0 && (modes.c_lflag & ICANON) != 0) return true;
+      if (::tcgetattr(m_master, &modes) == 0 && ((modes.c_lflag & ICANON) == 0) == editing) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return false;
@@ -151,38 +151,42 @@ class KvxTaShellTest : public ::testing::Test {
 
 TEST_F(KvxTaShellTest, AtATerminalSurvivesTyposAndCtrlCRecallsAndCompletesAndLeavesOnCtrlD) {
   Terminal terminal({KVX_TA_PATH, "shell"}, m_home);
-  // Each step: what is typed, then what must come back, in order.
-  const std::vector<std::pair<std::string, std::vector<std::string>>> steps = {
-      {"", {kPrompt}},
-      {"raed 0x1000\r", {"unknown command 'raed' (did you mean 'read'?)", kPrompt}},
-      {"sleep 99999999\r", {"invalid duration '99999999' (at most 3600000 ms, an hour)", kPrompt}},
-      {"write 0x1000 0x2a\r", {kPrompt}},
-      {"read 0x1000\r", {"0x0000002a", kPrompt}},
+  struct Step {
+    std::string keys;
+    /// Typed while the line before runs; otherwise at the prompt, as a user types.
+    bool whileRunning;
+    /// What must come back, in order.
+    std::vector<std::string> replies;
+  };
+  const Step steps[] = {
+      {"", false, {kPrompt}},
+      {"raed 0x1000\r", false, {"unknown command 'raed' (did you mean 'read'?)", kPrompt}},
+      {"sleep 99999999\r", false, {"invalid duration '99999999' (at most 3600000 ms, an hour)", kPrompt}},
+      {"write 0x1000 0x2a\r", false, {kPrompt}},
+      {"read 0x1000\r", false, {"0x0000002a", kPrompt}},
       // Up: the line before.
-      {"\x1b[A\r", {"read 0x1000", "0x0000002a", kPrompt}},
+      {"\x1b[A\r", false, {"read 0x1000", "0x0000002a", kPrompt}},
       // Two registers start with 'p': Tab lists them. Ctrl-C abandons the line; one starts
       // with 's', which Tab completes.
-      {"reg p\t", {"pc  ps"}},
-      {"\x03", {"^C", kPrompt}},
-      {"reg s\t\r", {"0x0000000000000000", kPrompt}},
+      {"reg p\t", false, {"pc  ps"}},
+      {"\x03", false, {"^C", kPrompt}},
+      {"reg s\t\r", false, {"0x0000000000000000", kPrompt}},
+      // Ctrl-C stops the command that runs, not the shell, nor the simulator with the memory.
+      {"sleep 100000\r", false, {}},
+      {"\x03", true, {"stopped: interrupted (Ctrl-C)", kPrompt}},
+      {"read 0x1000\r", false, {"0x0000002a", kPrompt}},
+      {"\x04", false, {}},
   };
-  for (const auto& [keys, replies] : steps) {
-    terminal.type(keys);
-    for (const std::string& reply : replies) {
-      ASSERT_TRUE(terminal.expect(reply)) << "case: " << keys << " awaits " << reply << "\n"
+  for (const Step& step : steps) {
+    // A Ctrl-C discards the keys that the program has not read yet: each waits for its moment.
+    ASSERT_TRUE(terminal.waitForEditing(!step.whileRunning)) << "case: " << step.keys << "\n"
+                                                             << terminal.screen();
+    terminal.type(step.keys);
+    for (const std::string& reply : step.replies) {
+      ASSERT_TRUE(terminal.expect(reply)) << "case: " << step.keys << " awaits " << reply << "\n"
                                           << terminal.screen();
     }
   }
-  // Ctrl-C stops the command that runs, not the shell, nor the simulator that holds the memory.
-  terminal.type("sleep 100000\r");
-  ASSERT_TRUE(terminal.waitForCookedMode()) << terminal.screen();
-  terminal.type("\x03");
-  ASSERT_TRUE(terminal.expect("stopped: interrupted (Ctrl-C)") && terminal.expect(kPrompt))
-      << terminal.screen();
-  terminal.type("read 0x1000\r");
-  ASSERT_TRUE(terminal.expect("0x0000002a") && terminal.expect(kPrompt)) << terminal.screen();
-
-  terminal.type("\x04");
   EXPECT_EQ(terminal.exitStatus(), 0) << terminal.screen();
   std::ifstream history(m_home + "/.kvx_ta_history");
   const std::string kept{std::istreambuf_iterator<char>(history), std::istreambuf_iterator<char>()};
