@@ -99,6 +99,9 @@ void SimulatorProcess::spawn(const std::vector<std::string>& options) {
     // may be coming from.
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent) ::_exit(127);
+    // Out of the caller's process group, so that a Ctrl-C at the terminal reaches the caller
+    // alone, which decides whether the simulator stops: kvx-ta's shell goes on with it.
+    ::setpgid(0, 0);
     const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (devNull < 0 || ::dup2(devNull, STDIN_FILENO) < 0 || ::dup2(pipeEnds[1], STDOUT_FILENO) < 0 ||
         (m_stderr >= 0 && ::dup2(m_stderr, STDERR_FILENO) < 0))

@@ -5,7 +5,8 @@
 // The child reads nothing (its stdin is /dev/null) and logs to the caller's stderr, or into a
 // buffer that a failure to start quotes. The kernel sends the child SIGTERM should the caller
 // die, even by SIGKILL, and also when the thread that started it ends (PR_SET_PDEATHSIG follows
-// the thread): start it from a thread that outlives it. Each instance owns its child.
+// the thread): start it from a thread that outlives it. The child leads a process group of its
+// own, which a Ctrl-C at the terminal does not reach. Each instance owns its child.
 // Not thread-safe: start, query and stop an instance from one thread; the simulator itself serves
 // any number of clients and threads.
 #pragma once

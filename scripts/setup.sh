@@ -14,6 +14,8 @@ packages=(
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   libelf-dev nlohmann-json3-dev zlib1g-dev
+  # kvx-ta shell's line editing, history and completion (BSD-licensed)
+  libedit-dev
   # Python extension modules (pybind11) and pytest
   pybind11-dev python3-dev python3-pytest
   # man pages, generated from the programs' --help

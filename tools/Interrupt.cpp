@@ -1,15 +1,27 @@
 #include "tools/Interrupt.h"
 
 #include <csignal>
+#include <thread>
 
 #include "bringup/Error.h"
 
 namespace kvx::cli::interrupt {
 namespace {
 
-volatile std::sig_atomic_t g_signal = 0;
+// One flag each, so that dismissing a Ctrl-C cannot lose a SIGTERM that arrives meanwhile.
+volatile std::sig_atomic_t g_ctrlC = 0;
+volatile std::sig_atomic_t g_terminate = 0;
 
-void note(int signal) { g_signal = signal; }
+/// The longest a sleep goes without looking for a signal.
+constexpr std::chrono::milliseconds kLongestNap(50);
+
+void note(int signal) {
+  if (signal == SIGINT) {
+    g_ctrlC = 1;
+  } else {
+    g_terminate = 1;
+  }
+}
 
 }  // namespace
 
@@ -23,12 +35,31 @@ void install() {
   ::sigaction(SIGTERM, &action, nullptr);
 }
 
-bool pending() { return g_signal != 0; }
+bool pending() { return g_ctrlC != 0 || g_terminate != 0; }
+
+bool terminating() { return g_terminate != 0; }
+
+bool dismissCtrlC() {
+  const bool had = g_ctrlC != 0;
+  g_ctrlC = 0;
+  return had;
+}
 
 void check() {
-  if (g_signal != 0) {
-    throw bringup::Error(bringup::Error::Kind::kInterrupted, "stopped",
-                         g_signal == SIGINT ? "interrupted (Ctrl-C)" : "terminated by a signal");
+  if (g_terminate != 0) {
+    throw bringup::Error(bringup::Error::Kind::kInterrupted, "stopped", "terminated by a signal");
+  }
+  if (g_ctrlC != 0)
+    throw bringup::Error(bringup::Error::Kind::kInterrupted, "stopped", "interrupted (Ctrl-C)");
+}
+
+void sleep(std::chrono::milliseconds duration) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point end = Clock::now() + duration;
+  check();
+  for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
+    std::this_thread::sleep_for(std::min<Clock::duration>(end - now, kLongestNap));
+    check();
   }
 }
 
