@@ -1,6 +1,7 @@
 #include "tools/CommandTable.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include <boost/program_options/errors.hpp>
 #include <boost/program_options/parsers.hpp>
@@ -82,6 +83,18 @@ Arguments CommandDefinition::parse(const std::vector<std::string>& words,
   return Arguments(std::move(values), symbols);
 }
 
+bool commandRunsIn(const CommandDefinition& definition, CommandContext context) {
+  switch (context) {
+    case CommandContext::kCommandLine:
+      return true;
+    case CommandContext::kScript:
+      return definition.scriptable;
+    case CommandContext::kShell:
+      return definition.scriptable || std::strcmp(definition.name, "script") == 0;
+  }
+  return false;
+}
+
 const std::vector<CommandDefinition>& commandTable() {
   static const std::vector<CommandDefinition> table = [] {
     std::vector<CommandDefinition> all;
@@ -105,8 +118,9 @@ Action parseCommand(const std::string& name, const std::vector<std::string>& arg
                     CommandContext context, const bringup::ElfSymbols* symbols) {
   const CommandDefinition* definition = findCommand(name);
   if (definition == nullptr) throw bringup::usageError(help::unknownCommand(name));
-  if (context == CommandContext::kScript && !definition->scriptable) {
-    throw bringup::usageError("'" + name + "' cannot run inside a script");
+  if (!commandRunsIn(*definition, context)) {
+    throw bringup::usageError("'" + name + "' cannot run inside " +
+                              (context == CommandContext::kShell ? "the shell" : "a script"));
   }
   if (std::any_of(arguments.begin(), arguments.end(),
                   [](const std::string& word) { return word == "--help" || word == "-h"; })) {

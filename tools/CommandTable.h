@@ -79,8 +79,12 @@ struct CommandDefinition {
   Arguments parse(const std::vector<std::string>& words, const bringup::ElfSymbols* symbols) const;
 };
 
-/// Where a command comes from; a script cannot run `script` or `demo`.
-enum class CommandContext { kCommandLine, kScript };
+/// Where a command comes from: a script runs neither `script`, `shell` nor `demo`; the shell
+/// runs what a script runs, and `script FILE`.
+enum class CommandContext { kCommandLine, kScript, kShell };
+
+/// Whether `definition` may run in `context`.
+bool commandRunsIn(const CommandDefinition& definition, CommandContext context);
 
 /// Every command, in the order help lists them.
 const std::vector<CommandDefinition>& commandTable();

@@ -1,9 +1,9 @@
 #include "tools/Interrupt.h"
 
 #include <csignal>
-#include <thread>
 
 #include "bringup/Error.h"
+#include "bringup/transfer/Transfer.h"
 
 namespace kvx::cli::interrupt {
 namespace {
@@ -11,9 +11,6 @@ namespace {
 // One flag each, so that dismissing a Ctrl-C cannot lose a SIGTERM that arrives meanwhile.
 volatile std::sig_atomic_t g_ctrlC = 0;
 volatile std::sig_atomic_t g_terminate = 0;
-
-/// The longest a sleep goes without looking for a signal.
-constexpr std::chrono::milliseconds kLongestNap(50);
 
 void note(int signal) {
   if (signal == SIGINT) {
@@ -53,14 +50,6 @@ void check() {
     throw bringup::Error(bringup::Error::Kind::kInterrupted, "stopped", "interrupted (Ctrl-C)");
 }
 
-void sleep(std::chrono::milliseconds duration) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point end = Clock::now() + duration;
-  check();
-  for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
-    std::this_thread::sleep_for(std::min<Clock::duration>(end - now, kLongestNap));
-    check();
-  }
-}
+void sleep(std::chrono::milliseconds duration) { bringup::sleepFor(duration, &check); }
 
 }  // namespace kvx::cli::interrupt

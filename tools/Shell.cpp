@@ -54,12 +54,6 @@ bool leaves(const std::string& word) {
                      [&word](const char* name) { return word == name; });
 }
 
-/// Whether a command runs in the shell: what a script runs, and `script FILE`, whose lines then
-/// run as a script's.
-bool runsInShell(const CommandDefinition& definition) {
-  return definition.scriptable || std::strcmp(definition.name, "script") == 0;
-}
-
 /// Runs the command that `words` make in `session`; false when they ask to leave. Throws Error.
 bool runLine(const std::vector<std::string>& words, Session& session) {
   const std::string& name = words.front();
@@ -67,12 +61,8 @@ bool runLine(const std::vector<std::string>& words, Session& session) {
     if (words.size() > 1) throw bringup::usageError("'" + name + "' takes no arguments");
     return false;
   }
-  const CommandDefinition* definition = findCommand(name);
-  if (definition != nullptr && !runsInShell(*definition)) {
-    throw bringup::usageError("'" + name + "' cannot run inside the shell");
-  }
   const Action action =
-      parseCommand(name, {words.begin() + 1, words.end()}, CommandContext::kCommandLine, session.symbols());
+      parseCommand(name, {words.begin() + 1, words.end()}, CommandContext::kShell, session.symbols());
   action(session);
   session.output().finish();
   return true;
@@ -114,7 +104,7 @@ std::vector<std::string> completions(const std::vector<std::string>& before, con
   std::vector<std::string> names;
   const auto addCommands = [&names](bool all) {
     for (const CommandDefinition& definition : commandTable()) {
-      if (all || runsInShell(definition)) names.emplace_back(definition.name);
+      if (all || commandRunsIn(definition, CommandContext::kShell)) names.emplace_back(definition.name);
     }
   };
   if (before.empty()) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
-#include <thread>
 
 #include <zlib.h>
 
@@ -16,9 +15,6 @@
 
 namespace kvx::bringup {
 namespace {
-
-/// The longest single sleep of wait, so that a checkpoint runs often enough to stop it at once.
-constexpr std::chrono::milliseconds kLongestNap(50);
 
 bool parallel(const Transfer& transfer) { return transfer.options().jobs > 1; }
 
@@ -220,10 +216,8 @@ uint64_t waitFor(Transfer& transfer, const WaitCondition& condition) {
     }
     // The next read comes after the interval, or at the timeout if that comes first.
     const Clock::time_point next = std::min(now + std::chrono::milliseconds(condition.intervalMs), end);
-    for (Clock::time_point at = Clock::now(); at < next; at = Clock::now()) {
-      std::this_thread::sleep_for(std::min<Clock::duration>(next - at, kLongestNap));
-      transfer.checkpoint();
-    }
+    sleepFor(std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now()),
+             [&] { transfer.checkpoint(); });
   }
 }
 

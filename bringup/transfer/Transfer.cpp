@@ -1,5 +1,8 @@
 #include "bringup/transfer/Transfer.h"
 
+#include <algorithm>
+#include <thread>
+
 #include "bringup/Error.h"
 #include "bringup/Numbers.h"
 #include "bringup/Target.h"
@@ -80,6 +83,18 @@ std::optional<Transfer::Mismatch> Transfer::verify(const Range& range, const Sou
     return true;
   });
   return mismatch;
+}
+
+void sleepFor(std::chrono::milliseconds duration, const std::function<void()>& checkpoint) {
+  // The longest nap between two checkpoints.
+  constexpr std::chrono::milliseconds kLongestNap(50);
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point end = Clock::now() + duration;
+  checkpoint();
+  for (Clock::time_point now = Clock::now(); now < end; now = Clock::now()) {
+    std::this_thread::sleep_for(std::min<Clock::duration>(end - now, kLongestNap));
+    checkpoint();
+  }
 }
 
 void checkTransferBound(uint64_t length, bool force) {

@@ -6,6 +6,7 @@
 // Single-threaded: one transfer runs on one thread. The front end owns what it refers to.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -27,6 +28,10 @@ struct WorkerLaunch {
   std::string program;
   std::vector<std::string> options;
 };
+
+/// Sleeps for `duration`, calling `checkpoint` before and at least every 50 ms, so that a
+/// checkpoint that throws ends the sleep at once.
+void sleepFor(std::chrono::milliseconds duration, const std::function<void()>& checkpoint);
 
 /// The most bytes a transfer moves unless forced: a mistyped length must not run for hours.
 constexpr uint64_t kLargestUnforced = uint64_t{256} << 20;

@@ -28,7 +28,8 @@ std::vector<std::string> workerOptions(const common::Endpoint& agent, std::optio
 /// has, in target memory order, starting at the part's first byte) and a CRC-32.
 /// Each with the transfer's access width, when it has one.
 std::vector<std::string> dumpPartCommand(const Range& part, unsigned width);
-std::vector<std::string> fillPartCommand(const Range& part, const std::vector<uint8_t>& pattern, unsigned width);
+std::vector<std::string> fillPartCommand(const Range& part, const std::vector<uint8_t>& pattern,
+                                         unsigned width);
 std::vector<std::string> crc32PartCommand(const Range& part, unsigned width);
 /// The worker's command for the bytes of an image that lie in `part`: "load" or "verify", then
 /// the image's file and the options that read it as the whole transfer does.

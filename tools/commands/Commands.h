@@ -14,7 +14,7 @@ std::vector<CommandDefinition> accessCommands();
 std::vector<CommandDefinition> transferCommands();
 /// load, verify: image files (raw, Intel HEX, S-record, ELF) to and against target memory.
 std::vector<CommandDefinition> imageCommands();
-/// script, demo, help: commands about the run itself.
+/// script, shell, sleep, reconnect, demo, help: commands about the run itself.
 std::vector<CommandDefinition> sessionCommands();
 
 }  // namespace kvx::cli
