@@ -30,9 +30,9 @@ std::string program() {
          "\n"
          "Reads and writes a target through the KVX target-access plug-in, the way a debugger\n"
          "host does. Without --server, kvx-ta starts its own simulated agent (kvx-agent-sim)\n"
-         "for the run, so each run starts from a fresh target; 'script' runs several commands\n"
-         "in one session. 'kvx-ta help COMMAND' describes a command. Options may come before\n"
-         "or after the command.\n"
+         "for the run, so each run starts from a fresh target; 'script' and 'shell' run several\n"
+         "commands in one session. 'kvx-ta help COMMAND' describes a command. Options may come\n"
+         "before or after the command.\n"
          "\n"
          "Commands:\n";
   for (const CommandDefinition& definition : commandTable()) {

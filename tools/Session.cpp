@@ -54,6 +54,7 @@ bringup::Transfer Session::transfer(bringup::Progress& progress, uint64_t length
   bringup::Transfer::Options options;
   options.force = m_force;
   options.width = width;
+  options.worker = m_worker;
   options.jobs = jobsFor(length);
   if (options.jobs > 1) {
     options.workers = bringup::WorkerLaunch{common::thisProgram(),

@@ -59,6 +59,9 @@ class Transfer {
     std::optional<WorkerLaunch> workers;
     /// Transfers above kLargestUnforced are allowed.
     bool force = false;
+    /// The transfer is a worker's part of another: its failures leave how far it got for the
+    /// transfer that runs it to say.
+    bool worker = false;
     /// 1, 2, 4 or 8: every access moves exactly this many bytes, at multiples of it (the caller
     /// has checked that the ranges fit). 0: accesses as Ranges.h cuts them.
     unsigned width = 0;
@@ -117,7 +120,7 @@ void Transfer::reportingHowFar(const char* verb, std::optional<uint64_t> total, 
   try {
     work();
   } catch (const Error& failure) {
-    if (failure.kind() == Error::Kind::kUsage) throw;
+    if (failure.kind() == Error::Kind::kUsage || m_options.worker) throw;
     throw howFar(failure, verb, total);
   }
 }

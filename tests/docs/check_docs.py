@@ -10,9 +10,11 @@ command that ends with "&" runs in the background until the document is done, an
 first line it prints.
 
 What changes from run to run is compared by shape: ports (":PORT"), times and rates ("X s",
-"Y KiB/s", and their JSON fields), and a line "..." stands for any lines.
+"Y KiB/s", and their JSON fields), how far workers got, and a line "..." stands for any lines.
 
-    check_docs.py BUILD_DIR FILE.md...
+    check_docs.py BUILD_DIR [--copy SOURCE=NAME]... FILE.md...
+
+--copy puts a file that the build makes (a firmware image) into the scratch folder as NAME.
 """
 
 import os
@@ -33,6 +35,8 @@ SHAPES = [
     (re.compile(r"\b\d+\.\d+ us\b"), "Z us"),
     (re.compile(r'"(seconds|kib_per_s|us)":[0-9.e+-]+'), r'"\1":N'),
     (re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d,\d{3}"), "TIMESTAMP"),
+    # How far a stopped transfer got depends on when its workers last reported.
+    (re.compile(r"; \d+ of (\d+) bytes were (\w+) by"), r"; N of \1 bytes were \2 by"),
 ]
 
 
@@ -85,13 +89,15 @@ def matches(expected, printed):
     return match(0, 0)
 
 
-def run_document(path, bin_dir):
+def run_document(path, bin_dir, copies):
     failures = []
     scratch = tempfile.mkdtemp(prefix="kvx-docs-")
     background = []
     try:
         for name in os.listdir(FILES):
             shutil.copy(os.path.join(FILES, name), scratch)
+        for source, name in copies:
+            shutil.copy(source, os.path.join(scratch, name))
         environment = dict(os.environ, PATH=bin_dir + os.pathsep + os.environ["PATH"], HOME=scratch, COLUMNS="100")
         for key in ("KVX_AGENT_SERVER", "KVX_TA_ELF", "LOG4CXX_CONFIGURATION", "TA_AGENT_TIMEOUT_MS"):
             environment.pop(key, None)
@@ -127,9 +133,15 @@ def main():
         print(__doc__, file=sys.stderr)
         return 2
     bin_dir = os.path.join(os.path.abspath(sys.argv[1]), "bin")
+    arguments = sys.argv[2:]
+    copies = []
+    while len(arguments) >= 2 and arguments[0] == "--copy":
+        source, _, name = arguments[1].partition("=")
+        copies.append((source, name))
+        arguments = arguments[2:]
     failures = []
-    for path in sys.argv[2:]:
-        failures += run_document(path, bin_dir)
+    for path in arguments:
+        failures += run_document(path, bin_dir, copies)
     for failure in failures:
         print(failure)
     print(f"{len(failures)} quoted command(s) print something else than their document shows")
