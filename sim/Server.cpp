@@ -80,6 +80,14 @@ int Server::run() {
               << (address.is_v6() ? "]" : "") << ':' << local.port() << std::endl;
   }
   m_ioContext.run();
+  // The server is ending. A second SIGINT or SIGTERM, sent by whoever sent the first before it
+  // saw this one act, stays pending from here on instead of killing the process once the signal
+  // set is destroyed and the default action is back: the exit status stays the server's.
+  sigset_t stopSignals;
+  ::sigemptyset(&stopSignals);
+  ::sigaddset(&stopSignals, SIGINT);
+  ::sigaddset(&stopSignals, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   return m_commandStatus;
 }
 
