@@ -80,6 +80,13 @@ bool configureConnected(int fd, int timeoutMs) {
 }  // namespace
 
 Status AgentSession::open(const char* address, int32_t port) {
+  m_opening = true;
+  const Status status = openNow(address, port);
+  m_opening = false;
+  return status;
+}
+
+Status AgentSession::openNow(const char* address, int32_t port) {
   close();
   if (address == nullptr || port < 1 || port > 65535 || std::strlen(address) >= kMaxAddress) {
     return Status::kInvalidArgument;
@@ -203,6 +210,30 @@ void AgentSession::close() {
     m_fd = -1;
   }
   m_closedStatus = Status::kNoSession;
+  m_reopen = false;
+}
+
+void AgentSession::leaveToParent(bool intact) {
+  m_reopen = m_fd >= 0 && !m_opening;
+  if (intact && m_fd >= 0) ::close(m_fd);
+  m_fd = -1;
+  for (Parked& parked : m_parked) {
+    if (intact && parked.fd >= 0) ::close(parked.fd);
+    parked.fd = -1;
+  }
+  m_closedStatus = Status::kNoSession;
+  m_opening = false;
+  m_spin = common::SpinBackoff();
+  // Lookups the parent gave up belong to its resolver threads, which the child does not have.
+  m_dialer = common::Dialer();
+}
+
+Status AgentSession::reopenInChild() {
+  if (!m_reopen) return Status::kOk;
+  m_reopen = false;
+  char address[kMaxAddress];
+  std::strcpy(address, m_address);
+  return open(address, m_port);
 }
 
 void AgentSession::closeAll() {
@@ -214,6 +245,7 @@ void AgentSession::closeAll() {
 }
 
 Status AgentSession::checkConnection() {
+  if (const Status reopened = reopenInChild(); reopened != Status::kOk) return reopened;
   if (m_fd < 0) return m_closedStatus;
   // A peek reports end-of-stream as 0 and a pending socket error (a reset) as -1 with that
   // error, so no separate SO_ERROR query is needed.
@@ -225,6 +257,7 @@ Status AgentSession::checkConnection() {
 }
 
 Status AgentSession::transact(protocol::Request& request, protocol::Reply& reply) {
+  if (const Status reopened = reopenInChild(); reopened != Status::kOk) return reopened;
   const Clock::time_point now = Clock::now();
   expire(now);
   return exchange(request, reply, now + std::chrono::milliseconds(m_timeoutMs), true);

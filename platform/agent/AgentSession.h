@@ -48,6 +48,13 @@ class AgentSession {
   /// Says Goodbye on every connection, the session's and the parked ones, and closes them.
   void closeAll();
 
+  /// In a child that fork() made: the connections are the parent's, and a byte sent, read, or a
+  /// Goodbye said on them would reach or end the parent's sessions. They are given up without a
+  /// word: closed when `intact`, which only drops the child's hold on them; merely forgotten when a
+  /// thread of the parent was inside a call at the fork, as their descriptors may then be stale.
+  /// The child's next call opens the session again where it was, on a connection of its own.
+  void leaveToParent(bool intact);
+
   /// kOk while the connection is up. Tests it without consuming data and without blocking: one
   /// non-blocking peek. A connection found closed or in error is dropped.
   Status checkConnection();
@@ -75,6 +82,10 @@ class AgentSession {
     char address[kMaxAddress] = {};
   };
 
+  /// open() itself, within m_opening.
+  Status openNow(const char* address, int32_t port);
+  /// In a forked child, at its first call: opens the session where the parent had it, if m_reopen.
+  Status reopenInChild();
   Status connectTo(const char* address, int32_t port, Clock::time_point deadline);
   /// Takes the parked connection to (`address`, `port`) if there is one and it is alive.
   bool resume(const char* address, int32_t port);
@@ -109,6 +120,10 @@ class AgentSession {
   Parked m_parked[kPoolSize] = {};
   /// What calls report while m_fd < 0.
   Status m_closedStatus = Status::kNoSession;
+  /// Inside open(), when m_address may be half written.
+  bool m_opening = false;
+  /// A forked child has yet to open its own connection for the session the parent had open.
+  bool m_reopen = false;
   uint32_t m_nextId = 1;
   /// The deadline of each call of the open session, in milliseconds.
   int m_timeoutMs = 0;

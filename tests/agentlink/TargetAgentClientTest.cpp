@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/agent/AgentStatus.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/SimProcess.h"
 #include "tests/support/WireConnection.h"
 
@@ -241,6 +242,29 @@ TEST_F(TargetAgentClientTest, RepliesThatDoNotAnswerTheRequestEndTheSession) {
     EXPECT_EQ(buffer, Frame(8, 0xEE));
     EXPECT_EQ(get_sock_status(), code(Status::kConnectionLost));
   }
+}
+
+// The child calls without a start_session of its own: its first call opens a connection to the
+// session's endpoint, while the parent goes on with the connection it had. On one shared socket
+// both would send the same request ids and take each other's replies.
+TEST_F(TargetAgentClientTest, ForkedChildCallsOnAConnectionOfItsOwn) {
+  SimProcess sim({"--quiet"});
+  ASSERT_EQ(connect(sim), 0);
+  const auto readsBackItsWrites = [](uint64_t at) {
+    int wrong = 0;
+    for (uint64_t written = 1; written <= 1000; ++written) {
+      uint64_t readBack = 0;
+      wrong += io_write(at, written, 8) != 0 || io_read(at, reinterpret_cast<uint8_t*>(&readBack), 8) != 0 ||
+               readBack != written;
+    }
+    return wrong;
+  };
+  test::ForkedChild child([&] { return readsBackItsWrites(0x200) == 0 ? 0 : 1; });
+  EXPECT_EQ(readsBackItsWrites(0x100), 0);
+  EXPECT_EQ(child.join().exitCode, 0);
+  Frame childs(8);
+  ASSERT_EQ(io_read(0x200, childs.data(), 8), 0);
+  EXPECT_EQ(childs, (Frame{0xE8, 0x03, 0, 0, 0, 0, 0, 0})) << "the child's last write, 1000";
 }
 
 TEST_F(TargetAgentClientTest, ConcurrentCallersNeverReceiveEachOthersReplies) {

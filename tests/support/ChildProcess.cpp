@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ostream>
 #include <stdexcept>
@@ -48,7 +50,44 @@ std::vector<char*> pointers(const std::vector<std::string>& strings) {
   return result;
 }
 
+/// Waits for `pid`, the leader of a process group of its own, and returns its exit status or 128
+/// + the signal that ended it. Past kDeadline it kills the whole group and sets `timedOut`.
+int awaitGroupLeader(pid_t pid, bool& timedOut) {
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  int status = 0;
+  while (::waitpid(pid, &status, WNOHANG) == 0) {
+    if (!timedOut && std::chrono::steady_clock::now() > deadline) {
+      timedOut = true;
+      ::kill(-pid, SIGKILL);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 }  // namespace
+
+ForkedChild::ForkedChild(const std::function<int()>& body) {
+  // Output still buffered would be written by both processes.
+  std::fflush(nullptr);
+  m_pid = ::fork();
+  if (m_pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+  if (m_pid == 0) {
+    ::setpgid(0, 0);
+    std::exit(body());
+  }
+}
+
+ForkedChild::~ForkedChild() {
+  if (m_pid > 0) join();
+}
+
+ProgramResult ForkedChild::join() {
+  ProgramResult result;
+  result.exitCode = awaitGroupLeader(m_pid, result.timedOut);
+  m_pid = -1;
+  return result;
+}
 
 ProgramResult runProgram(const std::vector<std::string>& argv, const std::string& input,
                          const std::vector<std::string>& environment) {
@@ -70,16 +109,7 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const std::string
     ::_exit(kCannotStart);
   }
   ProgramResult result;
-  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  int status = 0;
-  while (::waitpid(pid, &status, WNOHANG) == 0) {
-    if (!result.timedOut && std::chrono::steady_clock::now() > deadline) {
-      result.timedOut = true;
-      ::kill(-pid, SIGKILL);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.exitCode = awaitGroupLeader(pid, result.timedOut);
   result.out = out.content();
   result.err = err.content();
   return result;

@@ -1,8 +1,12 @@
-// Runs a program to its end for a test and hands back what it printed and how it ended. The
-// program's stdin, stdout and stderr are files, so it never blocks on them; a watchdog kills it,
-// with everything it started, should it run past 30 s. May be called from any thread.
+// Runs a program, or a function in a forked child, to its end for a test and hands back how it
+// ended. A program's stdin, stdout and stderr are files, so it never blocks on them. A watchdog
+// kills the child, with everything it started, should it run past 30 s. May be called from any
+// thread.
 #pragma once
 
+#include <sys/types.h>
+
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -22,6 +26,26 @@ struct ProgramResult {
 /// `environment` ahead of the test's own. A program that cannot be started exits with 127.
 ProgramResult runProgram(const std::vector<std::string>& argv, const std::string& input = "",
                          const std::vector<std::string>& environment = {});
+
+/// Runs `body` in a child that fork() makes, which ends through exit() with what `body` returns,
+/// so that the libraries' destructors run there as in any child that ends. For code that must
+/// live through a host's fork; `body` must not use the test framework, whose results are the
+/// parent's. The destructor joins a child not joined yet.
+class ForkedChild {
+ public:
+  explicit ForkedChild(const std::function<int()>& body);
+  ~ForkedChild();
+
+  ForkedChild(const ForkedChild&) = delete;
+  ForkedChild& operator=(const ForkedChild&) = delete;
+
+  /// Waits for the child to end: its exit status, or 128 + the signal that ended it; out and err
+  /// stay empty.
+  ProgramResult join();
+
+ private:
+  pid_t m_pid = -1;
+};
 
 /// Exit status, stdout and stderr, for failure messages.
 std::ostream& operator<<(std::ostream& out, const ProgramResult& result);
