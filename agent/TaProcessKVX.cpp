@@ -1,11 +1,13 @@
 #include "agent/TaProcessKVX.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
 
 #include <atomic>
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <locale>
 #include <new>
 #include <sstream>
@@ -19,6 +21,10 @@
 
 #include "agent/TargetAgent.h"
 #include "vorn/Exception.h"
+
+// Every LOG4CXX_WARN here records its location through lastingLocation() below.
+#undef LOG4CXX_LOCATION
+#define LOG4CXX_LOCATION lastingLocation(__FILE__, __PRETTY_FUNCTION__, __LINE__)
 
 namespace vorn {
 namespace {
@@ -158,6 +164,52 @@ void startChildWithoutSession() {
 /// Registered as the library is loaded; the C library forgets the handler when it is unloaded.
 __attribute__((constructor)) void registerForkHandler() {
   ::pthread_atfork(nullptr, nullptr, startChildWithoutSession);
+}
+
+/// The location of a warning, as LOG4CXX_WARN records it, with the file and function names
+/// copied to memory that the plug-in's unload leaves in place. A record keeps its location as
+/// pointers, and an appender may keep records beyond the unload (an AsyncAppender's queue, a
+/// buffer) and format them then; names in the library's own storage would be gone by then.
+///
+/// The copies are made once per logging statement, into a page mapped for good: a few hundred
+/// bytes per load of the library that warned. Called only under the session lock, which every
+/// warning is logged under. Without the page, the names are the library's own.
+log4cxx::spi::LocationInfo lastingLocation(const char* file, const char* function, int line) {
+  struct Site {
+    const char* function;  ///< the statement's own __PRETTY_FUNCTION__, which identifies it with the line
+    int line;
+    const char* lastingFile;
+    const char* lastingFunction;
+  };
+  static Site sites[8];
+  static size_t siteCount = 0;
+  static char* page = nullptr;
+  static size_t pageUsed = 0;
+  constexpr size_t kPageSize = 4096;
+
+  for (size_t i = 0; i < siteCount; ++i) {
+    const Site& site = sites[i];
+    if (site.function == function && site.line == line) {
+      return log4cxx::spi::LocationInfo(site.lastingFile,
+                                        log4cxx::spi::LocationInfo::calcShortFileName(site.lastingFile),
+                                        site.lastingFunction, line);
+    }
+  }
+  if (page == nullptr) {
+    void* mapped = ::mmap(nullptr, kPageSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    page = mapped == MAP_FAILED ? nullptr : static_cast<char*>(mapped);
+  }
+  const size_t fileSize = std::strlen(file) + 1;
+  const size_t functionSize = std::strlen(function) + 1;
+  if (page == nullptr || siteCount == std::size(sites) || pageUsed + fileSize + functionSize > kPageSize) {
+    return log4cxx::spi::LocationInfo(file, log4cxx::spi::LocationInfo::calcShortFileName(file), function,
+                                      line);
+  }
+  char* lastingFile = static_cast<char*>(std::memcpy(page + pageUsed, file, fileSize));
+  char* lastingFunction = static_cast<char*>(std::memcpy(page + pageUsed + fileSize, function, functionSize));
+  pageUsed += fileSize + functionSize;
+  sites[siteCount++] = Site{function, line, lastingFile, lastingFunction};
+  return lastingLocation(file, function, line);
 }
 
 /// `path` without its directories; exceptions carry the bare file name.

@@ -19,6 +19,10 @@
 // thread was inside an access at the fork: its first access switches, and so opens a session of
 // its own (the agent library must give a child connections of its own, as the stand-in does). A
 // fork never waits for an access in flight.
+//
+// Unloading. A process must be destroyed, and every call of the plug-in must have returned,
+// before the host's last dlclose of the plug-in: both run the plug-in's code. Log records kept
+// past the unload stay safe to format.
 #pragma once
 
 #include <cstddef>
