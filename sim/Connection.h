@@ -25,6 +25,7 @@
 #include "common/SpinBackoff.h"
 #include "platform/protocol/AgentProtocol.h"
 #include "sim/Log.h"
+#include "sim/Sessions.h"
 #include "sim/SimOptions.h"
 
 namespace kvx::sim {
@@ -33,9 +34,11 @@ class RequestHandler;
 
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  /// `handler`, `options` and `log` must outlive the connection.
-  Connection(boost::asio::ip::tcp::socket socket, RequestHandler& handler, const SimOptions& options,
-             const Log& log);
+  /// `handler`, `sessions`, `options` and `log` must outlive the connection.
+  Connection(boost::asio::ip::tcp::socket socket, RequestHandler& handler, Sessions& sessions,
+             const SimOptions& options, const Log& log);
+  /// Ends the client's session, if it has one.
+  ~Connection();
 
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -60,11 +63,18 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool awaitNextRequest();
   /// Drops the connection when --drop-after is reached; true when it did.
   bool dropIfDone();
+  /// For Sessions: when the socket holds an EndSession or a Goodbye that has not been read yet,
+  /// and nothing before it, reads it and ends the session now.
+  void readPendingEnd();
   /// Ends the connection with a log line; nothing is sent.
   void drop(const std::string& reason);
+  /// The request's reply, or a refusal as busy when the session that a parked connection would
+  /// resume has been given to another client.
+  void answer(const protocol::Request& request, protocol::Reply& reply);
 
   boost::asio::ip::tcp::socket m_socket;
   RequestHandler& m_handler;
+  Sessions& m_sessions;
   const SimOptions& m_options;
   const Log& m_log;
   std::string m_peer;  ///< "address:port", for the log
@@ -75,7 +85,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   size_t m_used = 0;
   std::array<uint8_t, protocol::kMaxFrameSize> m_reply{};
 
+  Sessions::ClientId m_client = 0;
   bool m_greeted = false;   ///< a Hello has been accepted
+  bool m_parked = false;    ///< the client ended its session and keeps the connection
   uint64_t m_answered = 0;  ///< replies sent, the handshake's included
   bool m_hanging = false;   ///< --hang-after reached: requests are read and ignored
 

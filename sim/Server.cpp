@@ -48,6 +48,7 @@ Server::Server(SimOptions options)
     : m_options(std::move(options)),
       m_log(m_options.quiet),
       m_handler(m_options),
+      m_sessions(m_options.exclusive),
       m_signals(m_ioContext, SIGINT, SIGTERM),
       m_acceptor(m_ioContext),
       m_acceptPause(m_ioContext),
@@ -135,7 +136,7 @@ void Server::doAccept() {
         m_acceptPaused = false;
         m_log.line("accepting connections again");
       }
-      std::make_shared<Connection>(std::move(socket), m_handler, m_options, m_log)->start();
+      std::make_shared<Connection>(std::move(socket), m_handler, m_sessions, m_options, m_log)->start();
     }
     doAccept();
   });

@@ -13,6 +13,7 @@
 
 #include "sim/Log.h"
 #include "sim/RequestHandler.h"
+#include "sim/Sessions.h"
 #include "sim/SimOptions.h"
 
 namespace kvx::sim {
@@ -47,6 +48,7 @@ class Server {
   SimOptions m_options;
   Log m_log;
   RequestHandler m_handler;
+  Sessions m_sessions;
   boost::asio::io_context m_ioContext;
   boost::asio::signal_set m_signals;
   boost::asio::ip::tcp::acceptor m_acceptor;

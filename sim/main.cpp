@@ -66,6 +66,7 @@ int main(int argc, char** argv) {
     ("drop-after", po::value<std::string>(), "close each connection after answering N requests (handshake included)")
     ("hang-after", po::value<std::string>(), "stop answering each connection after N requests, keeping it open")
     ("refuse-sessions", "refuse every handshake")
+    ("exclusive", "one session at a time: refuse another client's handshake as busy while one is open")
     ("latency-us", po::value<std::string>(), "hold every reply back N microseconds, as a remote agent would")
     ("no-spin", "never poll a busy client for its next request; always wait in the event loop")
     ("quiet", "log nothing on stderr");
@@ -123,6 +124,7 @@ int main(int argc, char** argv) {
       options.hangAfter = parseNumber(values["hang-after"].as<std::string>(), "--hang-after");
     }
     options.refuseSessions = values.count("refuse-sessions") > 0;
+    options.exclusive = values.count("exclusive") > 0;
     if (values.count("latency-us")) {
       const uint64_t latency = parseNumber(values["latency-us"].as<std::string>(), "--latency-us");
       if (latency > kLongestLatencyUs) throw std::invalid_argument("bad --latency-us: at most 10 s");

@@ -48,6 +48,8 @@ Status statusOf(protocol::ReplyStatus status) {
       return Status::kSessionRefused;
     case protocol::ReplyStatus::kValueTooWide:
       return Status::kValueTooWide;
+    case protocol::ReplyStatus::kBusy:
+      return Status::kBusy;
   }
   return Status::kRefused;
 }
@@ -122,7 +124,7 @@ Status AgentSession::openNow(const char* address, int32_t port) {
   if (answered && (reply.value != protocol::kProtocolVersion ||
                    reply.status == protocol::ReplyStatus::kVersionMismatch)) {
     status = Status::kVersionMismatch;
-  } else if (answered && status != Status::kOk) {
+  } else if (answered && status != Status::kOk && status != Status::kBusy) {
     status = Status::kSessionRefused;
   }
   // A failed handshake leaves no session, whatever the reason, and nothing to park.
@@ -197,6 +199,13 @@ Status AgentSession::connectTo(const char* address, int32_t port, Clock::time_po
 }
 
 void AgentSession::close() {
+  // The agent hears that the session has ended, so that it may admit another host's, and keeps
+  // the connection for a session to come. A connection that cannot take the message whole at once
+  // is out of step: it is closed instead.
+  if (m_fd >= 0 && !endSession()) {
+    sayGoodbye(m_fd, m_nextId++);
+    m_fd = -1;
+  }
   if (m_fd >= 0) {
     // The slot of the same endpoint, else a free one, else the one parked longest.
     const Clock::time_point now = Clock::now();
@@ -236,7 +245,18 @@ Status AgentSession::reopenInChild() {
   return open(address, m_port);
 }
 
+bool AgentSession::endSession() {
+  protocol::Request end;
+  end.opcode = protocol::Opcode::kEndSession;
+  end.id = m_nextId++;
+  uint8_t frame[protocol::kMaxFrameSize];
+  const size_t length = protocol::encodeRequest(end, frame, sizeof frame);
+  return ::send(m_fd, frame, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
+}
+
 void AgentSession::closeAll() {
+  if (m_fd >= 0) sayGoodbye(m_fd, m_nextId++);
+  m_fd = -1;
   close();
   for (Parked& parked : m_parked) {
     if (parked.fd >= 0) sayGoodbye(parked.fd, parked.nextId);

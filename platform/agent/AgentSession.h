@@ -1,14 +1,17 @@
 // The agent session: one TCP connection to a target agent, carrying one request and its reply at
 // a time, and a few recently used connections kept open behind it.
 //
-// A session that is closed parks its connection, keyed by its address and port, instead of
-// closing it, so that opening a session with that endpoint again costs neither a connect nor a
-// handshake: a host that alternates between agents switches at the cost of one peek. A parked
-// connection is checked alive before it is used again; a dead one (its agent gone or restarted)
-// is closed and replaced by a new connection, within the open's deadline. At most kPoolSize
-// connections are parked; the one parked longest goes when another comes, and any that has been
-// idle for kIdleLimit is closed at the library's next call. Each closed connection gets the
-// agent's Goodbye first.
+// Closing a session ends it at the agent, which then forgets who holds it (EndSession, one frame
+// that nothing waits for), but keeps the connection open, parked under its address and port, so
+// that opening a session with that endpoint again costs neither a connect nor a handshake: a host
+// that alternates between agents switches at the cost of one frame and one peek. Resuming a
+// parked connection is as good as a handshake: an agent gives the session to another host only
+// after closing the parked connections, so one that is still open, with nothing unasked in it,
+// is one that the agent takes back. A dead one (its agent gone, restarted, or its session given
+// away) is closed and replaced by a new connection and handshake, within the open's deadline. At
+// most kPoolSize connections are parked; the one parked longest goes when another comes, and any
+// that has been idle for kIdleLimit is closed at the library's next call. Each closed connection
+// gets the agent's Goodbye first.
 //
 // Not thread-safe: the caller serialises every call (libtarget.agent.so holds one instance under
 // one mutex). The instance owns its sockets. It is trivially destructible on purpose: the library
@@ -42,8 +45,8 @@ class AgentSession {
   /// failure no session is open.
   Status open(const char* address, int32_t port);
 
-  /// Ends the session and parks its connection. Harmless when none is open. Later calls fail with
-  /// kNoSession.
+  /// Ends the session at the agent (EndSession) and parks its connection. Harmless when none is
+  /// open. Later calls fail with kNoSession.
   void close();
   /// Says Goodbye on every connection, the session's and the parked ones, and closes them.
   void closeAll();
@@ -91,6 +94,8 @@ class AgentSession {
   bool resume(const char* address, int32_t port);
   /// Closes the parked connections that have been idle for kIdleLimit by `now`.
   void expire(Clock::time_point now);
+  /// Sends EndSession on the session's connection, without waiting; false unless it went out whole.
+  bool endSession();
   /// Says Goodbye on `fd`, without waiting, and closes it.
   void sayGoodbye(int fd, uint32_t id);
   /// transact() against `deadline`. `deadlineIsFresh`: it was set just before this call, so the

@@ -138,6 +138,27 @@ TEST_F(TargetAgentClientTest, ReopenedSessionsReuseOnlyConnectionsThatAreAlive) 
   EXPECT_EQ(value[0], 0x00) << "the restarted agent's memory is empty";
 }
 
+// A host that switches away ends its session at the agent: an exclusive agent admits another
+// host at once, and the first host's way back is refused as busy, honestly, until it is free.
+TEST_F(TargetAgentClientTest, ClosedSessionEndsAtTheAgentAndKeepsNoOtherHostOut) {
+  SimProcess exclusive({"--quiet", "--exclusive"});
+  SimProcess other({"--quiet"});
+  protocol::Request hello;
+  hello.value = protocol::kProtocolVersion;
+  protocol::Reply reply;
+  test::WireConnection secondHost(exclusive.endpoint());
+
+  ASSERT_EQ(connect(exclusive), 0);
+  ASSERT_TRUE(secondHost.transact(hello, reply));
+  EXPECT_EQ(reply.status, protocol::ReplyStatus::kBusy);
+  ASSERT_EQ(connect(other), 0) << "a switch away, which closes the first session";
+  ASSERT_TRUE(secondHost.transact(hello, reply));
+  EXPECT_EQ(reply.status, protocol::ReplyStatus::kOk) << "the agent has forgotten the first host";
+  EXPECT_EQ(connect(exclusive), code(Status::kBusy));
+  secondHost.close();
+  EXPECT_EQ(connect(exclusive), 0) << "free again once the second host has gone";
+}
+
 // 0 ms is no deadline a call could keep: the library takes its default instead, which a late
 // reply meets.
 TEST_F(TargetAgentClientTest, DeadlineOfZeroMillisecondsIsTakenForTheDefault) {

@@ -225,7 +225,8 @@ TEST_F(KvxTaTest, FailuresExitWithOneAndSayWhatWasAttemptedAndWhy) {
       {"--hang-after 0", "--timeout 300 read 0", session + "no answer within 300 ms .*TA_AGENT_TIMEOUT_MS.*"},
       {"--refuse-sessions", "read 0", session + "the agent refused the session"},
       {"--server " + older.endpoint().text(), "read 0",
-       session + "protocol version mismatch: the agent speaks version 1, kvx-ta version 2"},
+       session + "protocol version mismatch: the agent speaks version " + std::to_string(olderAgent.value) +
+           ", kvx-ta version " + std::to_string(protocol::kProtocolVersion)},
       {"--server " + notAnAgent.endpoint().text(), "read 0", session + "what answered is not a KVX agent"},
       {"--deny 0x100:0x10", "write 0xfe 0xffff", "cannot write 4 bytes at 0xfe: access denied: .*"},
       {"--memory-limit 0", "write 0 1", "cannot write 4 bytes at 0x0: the target is out of memory.*"},
