@@ -78,12 +78,19 @@ void Connection::doRead() {
                                return;
                              }
                              m_used += length;
+                             noteArrival();
                              processBuffer();
                            });
 }
 
+void Connection::noteArrival() {
+  const Clock::duration gap = Clock::now() - m_lastReply;
+  // It came through the event loop, yet within a poll's reach: a poll would have found it.
+  if (!m_polled && gap < kBurstGap) m_spin.wouldHavePaid();
+  m_inBurst = gap < kBurstWindow;
+}
+
 void Connection::processBuffer() {
-  m_inBurst = Clock::now() - m_lastReply < kBurstGap;
   for (;;) {
     protocol::FrameHeader header;
     if (m_used < protocol::kHeaderSize) break;
@@ -118,6 +125,10 @@ void Connection::processBuffer() {
       if (!m_parked) m_log.line(m_peer, ": session ended, connection kept");
       m_sessions.end(m_client);
       m_parked = true;
+      // A host that switches away mostly comes back soon: the end counts as an exchange, after
+      // which the client is polled as after a reply.
+      m_lastReply = Clock::now();
+      if (m_used < protocol::kHeaderSize && !awaitNextRequest()) break;
       continue;
     }
     if (m_options.hangAfter && m_answered >= *m_options.hangAfter) {
@@ -196,8 +207,8 @@ void Connection::delayReply(size_t length) {
 }
 
 bool Connection::awaitNextRequest() {
-  if (!m_options.spin || !m_inBurst) return false;
-  if (!m_spin.shouldPoll()) return false;
+  m_polled = m_options.spin && m_inBurst && m_spin.shouldPoll();
+  if (!m_polled) return false;
   const Clock::time_point end = m_lastReply + kBurstGap;
   do {
     boost::system::error_code error;

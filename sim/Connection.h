@@ -1,15 +1,19 @@
 // One client of the simulated agent: owns the socket, a buffer of at most one frame and the
 // connection's handshake and fault-injection state.
 //
-// A client that is in a burst (its request came back within kBurstGap of the last reply) is
-// polled for its next request for up to kBurstGap after each reply, before the server goes back to
-// waiting in the event loop: waking a server that sleeps on another CPU costs more than the whole
-// exchange. A poll that ends empty-handed makes the next replies skip polling (common::SpinBackoff),
-// so a client that talks to other agents in between (a host switching sessions) soon costs nothing. The
-// polling costs at most kBurstGap of CPU per reply and happens only in a burst, so an idle client costs
-// nothing; other clients wait that long at most.
-// --no-spin turns it off. Kept alive by
-// its pending asynchronous operations (shared_from_this); it closes its socket when the last one finishes.
+// A client that is in a burst (its request came back within kBurstWindow of the last reply) is
+// polled for its next request for up to kBurstGap after each reply, and after an EndSession, before
+// the server goes back to waiting in the event loop: waking a server that sleeps on another CPU
+// costs more than the whole exchange. A poll that ends empty-handed makes the next replies skip
+// polling (common::SpinBackoff), so a client that talks to many other agents in between soon costs
+// nothing; a request that comes within kBurstGap while nobody polled starts polling again, so a
+// host that alternates between a few agents stays polled through a miss. The window is wider than
+// the poll because a request that finds the server asleep is seen late by the time the server
+// wakes. The polling costs at most kBurstGap of CPU per reply and happens only in a burst, so an
+// idle client costs nothing; other clients wait that long at most. --no-spin turns it off.
+//
+// Kept alive by its pending asynchronous operations (shared_from_this); it closes its socket
+// when the last one finishes.
 #pragma once
 
 #include <array>
@@ -59,6 +63,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void doWrite(size_t sent, size_t length);
   /// Sends the first `length` bytes of m_reply after the --latency-us delay, then goes on.
   void delayReply(size_t length);
+  /// Notes a request that came through the event loop: whether the client is in a burst, and
+  /// whether a poll would have caught it.
+  void noteArrival();
   /// In a burst, polls the socket for the next request for up to kBurstGap; true when bytes came.
   bool awaitNextRequest();
   /// Drops the connection when --drop-after is reached; true when it did.
@@ -93,9 +100,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::microseconds kBurstGap{50};
+  static constexpr std::chrono::microseconds kBurstWindow{4 * kBurstGap};
   boost::asio::steady_timer m_delay;
   Clock::time_point m_lastReply;  ///< when the last reply went out
-  bool m_inBurst = false;         ///< the last request came within kBurstGap of the reply before
+  bool m_inBurst = false;         ///< the last request came within kBurstWindow of the reply before
+  bool m_polled = false;          ///< the client was polled for its next request after the last reply
   common::SpinBackoff m_spin;     ///< whether the next reply is followed by polling
 };
 

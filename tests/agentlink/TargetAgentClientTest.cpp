@@ -5,11 +5,13 @@
 
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -157,6 +159,52 @@ TEST_F(TargetAgentClientTest, ClosedSessionEndsAtTheAgentAndKeepsNoOtherHostOut)
   EXPECT_EQ(connect(exclusive), code(Status::kBusy));
   secondHost.close();
   EXPECT_EQ(connect(exclusive), 0) << "free again once the second host has gone";
+}
+
+/// The descriptors of this process that are sockets.
+size_t openSockets() {
+  size_t sockets = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    sockets += std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) == 0;
+  }
+  return sockets;
+}
+
+// A host that switches round robin between many agents keeps a connection to each, so a switch
+// never reconnects; but never more than a quarter of the descriptors it may open.
+TEST_F(TargetAgentClientTest, ParkedConnectionsFollowTheAgentsUsedWithinAQuarterOfTheDescriptorLimit) {
+  constexpr size_t kAgents = 24;
+  std::vector<std::unique_ptr<SimProcess>> agents;
+  for (size_t i = 0; i < kAgents; ++i)
+    agents.push_back(std::make_unique<SimProcess>(std::vector<std::string>{"--quiet"}));
+  const auto roundRobin = [&agents](uint64_t seed) {
+    int wrong = 0;
+    for (int round = 0; round < 3; ++round) {
+      for (size_t a = 0; a < agents.size(); ++a) {
+        uint64_t readBack = 0;
+        wrong += connect(*agents[a]) != 0 || io_write(0x100, seed + a, 8) != 0 ||
+                 io_read(0x100, reinterpret_cast<uint8_t*>(&readBack), 8) != 0 || readBack != seed + a;
+      }
+    }
+    return wrong;
+  };
+  const size_t before = openSockets();
+  EXPECT_EQ(roundRobin(0x1000), 0);
+  EXPECT_EQ(openSockets() - before, kAgents) << "one connection per agent, the session's among them";
+
+  // With a lower descriptor limit the pool holds fewer than the agents: the others are closed as
+  // they are parked. The child has given up the parent's sockets.
+  test::ForkedChild child([&] {
+    const size_t descriptors =
+        static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+    const rlimit limit{descriptors + 40, descriptors + 40};
+    const size_t bound = limit.rlim_cur / 4;
+    if (bound >= kAgents || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
+    if (roundRobin(0x2000) != 0) return 1;
+    return openSockets() <= bound + 1 ? 0 : 2;
+  });
+  EXPECT_EQ(child.join().exitCode, 0);
 }
 
 // 0 ms is no deadline a call could keep: the library takes its default instead, which a late
