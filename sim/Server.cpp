@@ -74,11 +74,8 @@ int Server::run() {
   if (!m_options.command.empty()) {
     runCommand();
   } else {
-    const tcp::endpoint local = m_acceptor.local_endpoint();
-    const boost::asio::ip::address address = local.address();
     // Brackets keep an IPv6 address apart from the port; readers take the port after the last ':'.
-    std::cout << "listening on " << (address.is_v6() ? "[" : "") << address.to_string()
-              << (address.is_v6() ? "]" : "") << ':' << local.port() << std::endl;
+    std::cout << "listening on " << listening().text() << std::endl;
   }
   m_ioContext.run();
   // The server is ending. A second SIGINT or SIGTERM, sent by whoever sent the first before it
@@ -93,9 +90,11 @@ int Server::run() {
 }
 
 void Server::runCommand() {
-  const tcp::endpoint local = m_acceptor.local_endpoint();
-  ::setenv("KVX_AGENT_ADDRESS", local.address().to_string().c_str(), 1);
-  ::setenv("KVX_AGENT_PORT", std::to_string(local.port()).c_str(), 1);
+  const common::Endpoint where = listening();
+  ::setenv("KVX_AGENT_SERVER", where.text().c_str(), 1);
+  // Bare, as hosts pass it on as a server address.
+  ::setenv("KVX_AGENT_ADDRESS", where.host.c_str(), 1);
+  ::setenv("KVX_AGENT_PORT", std::to_string(where.port).c_str(), 1);
   std::vector<char*> argv;
   for (std::string& argument : m_options.command) argv.push_back(argument.data());
   argv.push_back(nullptr);
@@ -119,6 +118,11 @@ void Server::awaitCommandExit() {
     m_acceptor.close();
     m_ioContext.stop();
   });
+}
+
+common::Endpoint Server::listening() const {
+  const tcp::endpoint local = m_acceptor.local_endpoint();
+  return common::Endpoint{local.address().to_string(), local.port()};
 }
 
 void Server::doAccept() {
