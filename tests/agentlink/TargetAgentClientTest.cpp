@@ -3,9 +3,13 @@
 
 #include "agent/TargetAgent.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -239,8 +243,18 @@ TEST_F(TargetAgentClientTest, SessionThatCannotStartLeavesNone) {
   SimProcess refusing({"--refuse-sessions"});
   EXPECT_EQ(connect(refusing), code(Status::kSessionRefused));
   expectEveryCallFailsWith(Status::kNoSession);
-  refusing.stop();
-  EXPECT_EQ(connect(refusing), code(Status::kConnectionRefused)) << "nobody listening";
+  // A port held by a socket that does not listen: no other program can take it meanwhile, as it
+  // could take a stopped simulator's.
+  const int held = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof where;
+  ASSERT_TRUE(::bind(held, reinterpret_cast<sockaddr*>(&where), sizeof where) == 0 &&
+              ::getsockname(held, reinterpret_cast<sockaddr*>(&where), &length) == 0);
+  EXPECT_EQ(start_session("127.0.0.1", ntohs(where.sin_port)), code(Status::kConnectionRefused))
+      << "nobody listening";
+  ::close(held);
   EXPECT_EQ(start_session("no-such-host.invalid", 4000), code(Status::kUnresolved));
   // Agents of another version: one refuses ours, the other accepts it but announces version 1.
   const std::pair<size_t, uint8_t> otherVersions[] = {

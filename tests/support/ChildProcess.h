@@ -6,8 +6,10 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,8 +26,14 @@ struct ProgramResult {
 
 /// Runs argv[0] with `argv`, `input` as its whole stdin and the "NAME=value" entries of
 /// `environment` ahead of the test's own. A program that cannot be started exits with 127.
+///
+/// With `interruptAfter`, the program is interrupted as Ctrl-C at a terminal does it: SIGINT to
+/// its process group, once the program has had a SIGINT handler for that long and every process
+/// of the group has one. A signal sent by the clock alone could come, on a loaded machine, before
+/// the handler is in place and end the program by the default action instead.
 ProgramResult runProgram(const std::vector<std::string>& argv, const std::string& input = "",
-                         const std::vector<std::string>& environment = {});
+                         const std::vector<std::string>& environment = {},
+                         std::optional<std::chrono::milliseconds> interruptAfter = std::nullopt);
 
 /// Runs `body` in a child that fork() makes, which ends through exit() with what `body` returns,
 /// so that the libraries' destructors run there as in any child that ends. For code that must
