@@ -220,7 +220,7 @@ void AgentSession::leaveToParent(bool intact) {
     if (m_fd >= 0) ::close(m_fd);
     for (ConnectionPool::Connection parked; (parked = m_pool.takeAny()).fd >= 0;) ::close(parked.fd);
   }
-  m_pool.forget(intact);
+  m_pool.forget();
   m_fd = -1;
   m_closedStatus = Status::kNoSession;
   m_opening = false;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace kvx::agent {
 namespace {
@@ -29,8 +30,8 @@ size_t descriptorBound() {
 ConnectionPool::Connection ConnectionPool::take(const char* address, int32_t port) {
   const uint32_t hash = hashOf(address);
   for (size_t i = 0; i < m_size; ++i) {
-    const Slot& slot = m_slots[i];
-    if (slot.port == port && slot.addressHash == hash && std::strcmp(m_addresses[i], address) == 0) {
+    const Slot& slot = m_storage->slots[i];
+    if (slot.port == port && slot.addressHash == hash && std::strcmp(m_storage->addresses[i], address) == 0) {
       return removeAt(i);
     }
   }
@@ -44,17 +45,17 @@ ConnectionPool::Connection ConnectionPool::park(Connection connection, const cha
     m_boundReadAt = now;
   }
   Connection leaving;
-  if (m_size >= m_bound || (m_size == m_capacity && !grow())) {
+  if (m_size >= m_bound || (m_size == capacity() && !grow())) {
     if (m_size == 0) return connection;  // no storage at all: it cannot stay
     size_t oldest = 0;
     for (size_t i = 1; i < m_size; ++i) {
-      if (m_slots[i].since < m_slots[oldest].since) oldest = i;
+      if (m_storage->slots[i].since < m_storage->slots[oldest].since) oldest = i;
     }
     leaving = removeAt(oldest);
   }
   if (m_size == 0) m_oldestSince = now;
-  m_slots[m_size] = Slot{connection.fd, port, hashOf(address), connection.nextId, now};
-  std::strcpy(m_addresses[m_size], address);
+  m_storage->slots[m_size] = Slot{connection.fd, port, hashOf(address), connection.nextId, now};
+  std::strcpy(m_storage->addresses[m_size], address);
   ++m_size;
   return leaving;
 }
@@ -63,8 +64,8 @@ ConnectionPool::Connection ConnectionPool::takeExpired(Clock::time_point now) {
   if (m_size == 0 || now - m_oldestSince < kIdleLimit) return {};
   Clock::time_point oldest = now;
   for (size_t i = 0; i < m_size; ++i) {
-    if (now - m_slots[i].since >= kIdleLimit) return removeAt(i);
-    oldest = std::min(oldest, m_slots[i].since);
+    if (now - m_storage->slots[i].since >= kIdleLimit) return removeAt(i);
+    oldest = std::min(oldest, m_storage->slots[i].since);
   }
   m_oldestSince = oldest;
   return {};
@@ -74,53 +75,45 @@ ConnectionPool::Connection ConnectionPool::takeAny() {
   return m_size == 0 ? Connection{} : removeAt(m_size - 1);
 }
 
-void ConnectionPool::forget(bool intact) {
+void ConnectionPool::forget() {
   m_size = 0;
   m_bound = 0;
-  if (!intact) {
-    m_slots = nullptr;
-    m_addresses = nullptr;
-    m_capacity = 0;
-  }
 }
 
 void ConnectionPool::release() {
-  std::free(m_slots);
-  std::free(m_addresses);
-  m_slots = nullptr;
-  m_addresses = nullptr;
-  m_size = m_capacity = 0;
+  std::free(m_storage);
+  m_storage = nullptr;
+  m_size = 0;
 }
 
 bool ConnectionPool::grow() {
-  if (m_capacity >= m_bound) return false;
-  const size_t capacity = std::min(m_bound, std::max<size_t>(kMinLimit, 2 * m_capacity));
-  // Both arrays are grown before either is replaced, so a failure leaves the pool as it was.
-  auto* slots = static_cast<Slot*>(std::malloc(capacity * sizeof(Slot)));
-  auto* addresses = static_cast<char(*)[kMaxAddress]>(std::malloc(capacity * kMaxAddress));
-  if (slots == nullptr || addresses == nullptr) {
-    std::free(slots);
-    std::free(addresses);
-    return false;
-  }
+  if (capacity() >= m_bound) return false;
+  const size_t wanted = std::min(m_bound, std::max<size_t>(kMinLimit, 2 * capacity()));
+  // One block: the header, the slots, then the addresses, each part aligned as its type needs.
+  const size_t slotsAt = (sizeof(Storage) + alignof(Slot) - 1) / alignof(Slot) * alignof(Slot);
+  const size_t addressesAt = slotsAt + wanted * sizeof(Slot);
+  auto* block = static_cast<unsigned char*>(std::malloc(addressesAt + wanted * kMaxAddress));
+  if (block == nullptr) return false;
+  auto* storage = new (block) Storage{wanted, reinterpret_cast<Slot*>(block + slotsAt),
+                                      reinterpret_cast<char(*)[kMaxAddress]>(block + addressesAt)};
   if (m_size != 0) {
-    std::memcpy(slots, m_slots, m_size * sizeof(Slot));
-    std::memcpy(addresses, m_addresses, m_size * kMaxAddress);
+    std::memcpy(storage->slots, m_storage->slots, m_size * sizeof(Slot));
+    std::memcpy(storage->addresses, m_storage->addresses, m_size * kMaxAddress);
   }
-  std::free(m_slots);
-  std::free(m_addresses);
-  m_slots = slots;
-  m_addresses = addresses;
-  m_capacity = capacity;
+  // Replaced by one store, and freed only after it: a child forked meanwhile holds either whole.
+  Storage* const old = m_storage;
+  m_storage = storage;
+  std::free(old);
   return true;
 }
 
 ConnectionPool::Connection ConnectionPool::removeAt(size_t index) {
-  const Connection taken{m_slots[index].fd, m_slots[index].nextId};
+  const Connection taken{m_storage->slots[index].fd, m_storage->slots[index].nextId};
   --m_size;
   if (index != m_size) {
-    m_slots[index] = m_slots[m_size];
-    std::memcpy(m_addresses[index], m_addresses[m_size], std::strlen(m_addresses[m_size]) + 1);
+    m_storage->slots[index] = m_storage->slots[m_size];
+    std::memcpy(m_storage->addresses[index], m_storage->addresses[m_size],
+                std::strlen(m_storage->addresses[m_size]) + 1);
   }
   return taken;
 }

@@ -54,9 +54,9 @@ class ConnectionPool {
   size_t size() const { return m_size; }
 
   /// Empties the pool without handing anything out: for a forked child, whose connections are the
-  /// parent's. When a thread of the parent was inside a call at the fork (`intact` false), the
-  /// storage may be half rebuilt too, and is given up rather than freed.
-  void forget(bool intact);
+  /// parent's. Safe even when a thread of the parent was inside a call at the fork: the storage is
+  /// replaced by one pointer, so the child finds the old storage or the new, whole either way.
+  void forget();
   /// Frees the storage of an empty pool.
   void release();
 
@@ -70,14 +70,20 @@ class ConnectionPool {
     Clock::time_point since;
   };
 
+  /// The slots and their addresses, in one block, replaced whole as the pool grows.
+  struct Storage {
+    size_t capacity;
+    Slot* slots;
+    char (*addresses)[kMaxAddress];
+  };
+
+  size_t capacity() const { return m_storage == nullptr ? 0 : m_storage->capacity; }
   /// Grows the storage, within m_bound; false when it may not or cannot.
   bool grow();
   Connection removeAt(size_t index);
 
-  Slot* m_slots = nullptr;
-  char (*m_addresses)[kMaxAddress] = nullptr;
+  Storage* m_storage = nullptr;
   size_t m_size = 0;
-  size_t m_capacity = 0;
   /// A quarter of the descriptor limit, read again at a park once kBoundRefresh has passed, so
   /// that a host that lowers its limit sees the pool shrink as connections are parked.
   size_t m_bound = 0;
