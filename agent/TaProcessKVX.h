@@ -85,6 +85,11 @@ class VORN_API TaProcessKVX : public TaProcess {
   /// Makes this process's endpoint the open agent session, closing and reopening the session
   /// when m_sharedConnection names another endpoint. Reports no failure: a session that could
   /// not be opened shows in the access that follows.
+  ///
+  /// On a process for the empty address and port -1, which no agent has, it closes the session
+  /// that is open and opens none: the next access through any process opens a fresh session. That
+  /// is the way back to an agent that restarted under long-lived processes, safe while other
+  /// threads use other processes: TaProcessKVX("", -1).activateConnection().
   void activateConnection();
 
   /// A copy of this process's descriptor. No lock, no agent call.

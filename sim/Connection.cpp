@@ -125,10 +125,6 @@ void Connection::processBuffer() {
       if (!m_parked) m_log.line(m_peer, ": session ended, connection kept");
       m_sessions.end(m_client);
       m_parked = true;
-      // A host that switches away mostly comes back soon: the end counts as an exchange, after
-      // which the client is polled as after a reply.
-      m_lastReply = Clock::now();
-      if (m_used < protocol::kHeaderSize && !awaitNextRequest()) break;
       continue;
     }
     if (m_options.hangAfter && m_answered >= *m_options.hangAfter) {

@@ -2,15 +2,15 @@
 // connection's handshake and fault-injection state.
 //
 // A client that is in a burst (its request came back within kBurstWindow of the last reply) is
-// polled for its next request for up to kBurstGap after each reply, and after an EndSession, before
-// the server goes back to waiting in the event loop: waking a server that sleeps on another CPU
-// costs more than the whole exchange. A poll that ends empty-handed makes the next replies skip
-// polling (common::SpinBackoff), so a client that talks to many other agents in between soon costs
+// polled for its next request for up to kBurstGap after each reply, before the server goes back
+// to waiting in the event loop: waking a server that sleeps on another CPU costs more than the
+// whole exchange. A poll that ends empty-handed makes the next replies skip polling
+// (common::SpinBackoff), so a client that talks to many other agents in between soon costs
 // nothing; a request that comes within kBurstGap while nobody polled starts polling again, so a
 // host that alternates between a few agents stays polled through a miss. The window is wider than
-// the poll because a request that finds the server asleep is seen late by the time the server
-// wakes. The polling costs at most kBurstGap of CPU per reply and happens only in a burst, so an
-// idle client costs nothing; other clients wait that long at most. --no-spin turns it off.
+// the poll because a server that slept sees a request late, by its own wake-up. The polling costs
+// at most kBurstGap of CPU per reply and happens only in a burst, so an idle client costs nothing;
+// other clients wait that long at most. --no-spin turns it off.
 //
 // Kept alive by its pending asynchronous operations (shared_from_this); it closes its socket
 // when the last one finishes.
