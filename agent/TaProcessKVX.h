@@ -6,6 +6,23 @@
 // Any host thread may call any operation. Each data access and the session switch before it run
 // under one lock shared by all processes, so an access always reaches its own process's endpoint.
 // The reservation operations take no lock and act on whatever session is open.
+//
+// Log appenders. An oversized access logs its warning on "tesk.ta.kvx" under that lock, between
+// the switch and the agent call, and log4cxx calls the appenders on the accessing thread. So an
+// appender must not call the plug-in: an access, activateConnection, a construction or the two
+// static copies below throw boost::lock_error (resource deadlock would occur) at once, which the
+// appender should catch, and the access that logged then goes on. Nor may it wait for another host
+// thread, which may be waiting for the lock. An output that can be slow (network, disk) belongs
+// behind log4cxx's AsyncAppender, so that no host thread waits for it under the lock.
+//
+// Fork. A child of the host starts with the lock free and no session open, even when another
+// thread was inside an access at the fork: its first access switches, and so opens a session of
+// its own (the agent library must give a child connections of its own, as the stand-in does). A
+// fork never waits for an access in flight.
+//
+// Unloading. A process must be destroyed, and every call of the plug-in must have returned,
+// before the host's last dlclose of the plug-in: both run the plug-in's code. Log records kept
+// past the unload stay safe to format.
 #pragma once
 
 #include <cstddef>
@@ -68,6 +85,11 @@ class VORN_API TaProcessKVX : public TaProcess {
   /// Makes this process's endpoint the open agent session, closing and reopening the session
   /// when m_sharedConnection names another endpoint. Reports no failure: a session that could
   /// not be opened shows in the access that follows.
+  ///
+  /// On a process for the empty address and port -1, which no agent has, it closes the session
+  /// that is open and opens none: the next access through any process opens a fresh session. That
+  /// is the way back to an agent that restarted under long-lived processes, safe while other
+  /// threads use other processes: TaProcessKVX("", -1).activateConnection().
   void activateConnection();
 
   /// A copy of this process's descriptor. No lock, no agent call.

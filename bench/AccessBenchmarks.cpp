@@ -7,6 +7,7 @@
 //                          loopback
 //   BM_ReadMem/loopback    the plug-in through libtarget.agent.so to kvx-agent-sim
 //   BM_Switch/loopback     accesses alternating between two agents: a session switch each
+//   BM_Switch/loopback/agents:N   the same round robin over N agents
 //
 // The loopback cases count iterations by this program's CPU time (the library's default); their
 // "Time" column is wall-clock time per access. With several threads it is the run's wall-clock
@@ -18,6 +19,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
@@ -206,15 +208,13 @@ BENCHMARK_CAPTURE(BM_ReadMemPinned, same_cpu, 0)->Name("BM_ReadMem/loopback_same
 BENCHMARK_CAPTURE(BM_ReadMemPinned, cross_cpu, 1)->Name("BM_ReadMem/loopback_cross_cpu");
 BENCHMARK(BM_ReadMemLoopback)->Name("BM_ReadMem/loopback")->Threads(2)->Threads(4)->Threads(8);
 
-/// Each access goes to the other agent, so each one closes a session and opens another first.
-void BM_SwitchLoopback(benchmark::State& state) {
+/// Reads round robin through one warm process for each of `agents`: every access closes a session
+/// and opens another first, and each agent sees a request once every `agents.size()` accesses.
+void switchWhileTheStateRuns(benchmark::State& state, const std::vector<Endpoint>& agents) {
   setAgentMode(AgentMode::kForward);
-  const Endpoint& first = BenchEnvironment::current().firstAgent();
-  const Endpoint& second = BenchEnvironment::current().secondAgent();
-  std::unique_ptr<vorn::TaProcessKVX> processes[2];
+  std::vector<std::unique_ptr<vorn::TaProcessKVX>> processes;
   try {
-    processes[0] = warmProcess(first.host, first.port);
-    processes[1] = warmProcess(second.host, second.port);
+    for (const Endpoint& agent : agents) processes.push_back(warmProcess(agent.host, agent.port));
   } catch (const std::exception& e) {
     fail(state, e.what());
     return;
@@ -229,10 +229,36 @@ void BM_SwitchLoopback(benchmark::State& state) {
       fail(state, e.what());
       break;
     }
-    next ^= 1;
+    if (++next == processes.size()) next = 0;
   }
 }
+
+/// Alternates between the two simulators every benchmark shares.
+void BM_SwitchLoopback(benchmark::State& state) {
+  switchWhileTheStateRuns(
+      state, {BenchEnvironment::current().firstAgent(), BenchEnvironment::current().secondAgent()});
+}
 BENCHMARK(BM_SwitchLoopback)->Name("BM_Switch/loopback");
+
+/// N agents, each a kvx-agent-sim of its own, as a host with one process per core of a manycore
+/// target.
+void BM_SwitchManyAgents(benchmark::State& state) {
+  std::vector<Endpoint> agents;
+  try {
+    agents = BenchEnvironment::current().agents(static_cast<size_t>(state.range(0)));
+  } catch (const std::exception& e) {
+    fail(state, e.what());
+    return;
+  }
+  switchWhileTheStateRuns(state, agents);
+}
+BENCHMARK(BM_SwitchManyAgents)
+    ->Name("BM_Switch/loopback")
+    ->ArgName("agents")
+    ->Arg(2)
+    ->Arg(8)
+    ->Arg(32)
+    ->Arg(128);
 
 }  // namespace
 }  // namespace kvx::bench

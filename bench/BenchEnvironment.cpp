@@ -38,7 +38,8 @@ std::unique_ptr<kvx::common::SimulatorProcess> startSimulator(std::optional<int>
 }  // namespace
 
 BenchEnvironment::BenchEnvironment(std::optional<int> simCpu)
-    : m_firstSim(startSimulator(simCpu)),
+    : m_simCpu(simCpu),
+      m_firstSim(startSimulator(simCpu)),
       m_secondSim(startSimulator(simCpu)),
       m_first(m_firstSim->endpoint()),
       m_second(m_secondSim->endpoint()) {
@@ -46,6 +47,13 @@ BenchEnvironment::BenchEnvironment(std::optional<int> simCpu)
 }
 
 BenchEnvironment::~BenchEnvironment() { g_current = nullptr; }
+
+std::vector<Endpoint> BenchEnvironment::agents(size_t count) {
+  while (m_manySims.size() < count) m_manySims.push_back(startSimulator(m_simCpu));
+  std::vector<Endpoint> endpoints;
+  for (size_t i = 0; i < count; ++i) endpoints.push_back(m_manySims[i]->endpoint());
+  return endpoints;
+}
 
 std::pair<Endpoint, pid_t> BenchEnvironment::agentOnCpu(int cpu) {
   auto& sim = m_pinnedSims[cpu];

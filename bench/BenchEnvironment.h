@@ -1,6 +1,6 @@
 // What the loopback benchmarks run against: two kvx-agent-sim child processes that main() starts
-// before any benchmark and stops after the last, and a record of benchmarks that failed, so that
-// the program's exit status reports them.
+// before any benchmark and stops after the last, more started as benchmarks ask for them, and a
+// record of benchmarks that failed, so that the program's exit status reports them.
 //
 // Set up once on the main thread; afterwards any benchmark thread may read the endpoints and
 // report a failure.
@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/Endpoint.h"
 
@@ -42,14 +43,20 @@ class BenchEnvironment {
   const Endpoint& firstAgent() const { return m_first; }
   const Endpoint& secondAgent() const { return m_second; }
 
+  /// The endpoints of `count` agents, one kvx-agent-sim each, placed as the two above; started on
+  /// first use and kept for the run. Throws std::runtime_error when one cannot be started.
+  std::vector<Endpoint> agents(size_t count);
+
   /// A simulator pinned to `cpu` (0 or 1), started on first use, and its process id. Throws
   /// std::runtime_error when it cannot be started or pinned (a machine with one CPU).
   std::pair<Endpoint, pid_t> agentOnCpu(int cpu);
 
  private:
+  std::optional<int> m_simCpu;
   std::unique_ptr<kvx::common::SimulatorProcess> m_firstSim;
   std::unique_ptr<kvx::common::SimulatorProcess> m_secondSim;
   std::unique_ptr<kvx::common::SimulatorProcess> m_pinnedSims[2];
+  std::vector<std::unique_ptr<kvx::common::SimulatorProcess>> m_manySims;
   Endpoint m_first;
   Endpoint m_second;
 };

@@ -159,8 +159,13 @@ int SimulatorProcess::reap(int seconds) {
 int SimulatorProcess::stop() {
   int status = -1;
   if (m_pid > 0) {
-    ::kill(m_pid, SIGTERM);
-    status = reap(kStopSeconds);
+    // A child that has ended already, on a signal of the caller's own for example, is only
+    // reaped; the simulator itself ignores a stop signal that comes while it is ending.
+    status = reap(0);
+    if (status < 0) {
+      ::kill(m_pid, SIGTERM);
+      status = reap(kStopSeconds);
+    }
     if (status < 0) {
       ::kill(m_pid, SIGKILL);
       status = reap(kStopSeconds);

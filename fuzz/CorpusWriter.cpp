@@ -80,6 +80,7 @@ int main(int argc, char** argv) {
   const std::string requests = root + "/request_decoder";
   save(requests, "hello", encoded(hello));
   save(requests, "goodbye", encoded(request(Opcode::kGoodbye)));
+  save(requests, "end-session", encoded(request(Opcode::kEndSession)));
   save(requests, "io-write-8", encoded(request(Opcode::kIoWrite, 0x1000, 8)));
   save(requests, "io-write-3", encoded(request(Opcode::kIoWrite, 0x2001, 3)));
   save(requests, "io-read-4", encoded(request(Opcode::kIoRead, 0x2000, 4)));

@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   protocol::Reply reply;
   if (!protocol::decodeReply(data, size, reply)) return 0;
 
-  FUZZ_CHECK(reply.opcode != protocol::Opcode::kGoodbye);
+  FUZZ_CHECK(reply.opcode != protocol::Opcode::kGoodbye && reply.opcode != protocol::Opcode::kEndSession);
   FUZZ_CHECK(size == protocol::replyFrameSize(reply.opcode));
   FUZZ_CHECK((data[2] & protocol::kReplyBit) != 0);
   // A reader stores `width` bytes of a register read.

@@ -75,6 +75,7 @@ class Model {
         m_blocks.clear();
         break;
       case Opcode::kGoodbye:
+      case Opcode::kEndSession:
         break;
     }
   }
@@ -170,7 +171,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     offset += frameSize;
     // A connection would end at a malformed frame or a goodbye; going on lets one input carry
     // more requests for the target.
-    if (!decoded || request.opcode == Opcode::kGoodbye) continue;
+    if (!decoded || protocol::replyFrameSize(request.opcode) == 0) continue;
 
     protocol::Reply reply;
     handler.handle(request, reply);

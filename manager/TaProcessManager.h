@@ -1,6 +1,8 @@
 // The plug-in's entry point for the host: tells whether a configuration block names the KVX
 // access method, and creates target-access processes for those that do. It holds no state, so
-// any host thread may call any operation at any time; each answer rests on the block alone.
+// any host thread may call any operation at any time; each answer rests on the block alone. The
+// processes it creates must be released before the host's last dlclose of the plug-in (see
+// agent/TaProcessKVX.h).
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 #include "sim/Connection.h"
 
 #include <sched.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstring>
@@ -25,10 +26,11 @@ std::string describe(const boost::asio::ip::tcp::endpoint& endpoint) {
 
 }  // namespace
 
-Connection::Connection(boost::asio::ip::tcp::socket socket, RequestHandler& handler,
+Connection::Connection(boost::asio::ip::tcp::socket socket, RequestHandler& handler, Sessions& sessions,
                        const SimOptions& options, const Log& log)
     : m_socket(std::move(socket)),
       m_handler(handler),
+      m_sessions(sessions),
       m_options(options),
       m_log(log),
       m_delay(m_socket.get_executor()) {
@@ -37,8 +39,17 @@ Connection::Connection(boost::asio::ip::tcp::socket socket, RequestHandler& hand
   m_peer = error ? "unknown peer" : describe(peer);
 }
 
+Connection::~Connection() { m_sessions.leave(m_client); }
+
 void Connection::start() {
   m_log.line("connection from ", m_peer);
+  m_client = m_sessions.join(
+      [weak = weak_from_this()] {
+        if (const auto connection = weak.lock()) connection->drop("session given to another client");
+      },
+      [weak = weak_from_this()] {
+        if (const auto connection = weak.lock()) connection->readPendingEnd();
+      });
   if (m_options.dropAfter && *m_options.dropAfter == 0) {
     drop("dropped after 0 requests");
     return;
@@ -67,12 +78,19 @@ void Connection::doRead() {
                                return;
                              }
                              m_used += length;
+                             noteArrival();
                              processBuffer();
                            });
 }
 
+void Connection::noteArrival() {
+  const Clock::duration gap = Clock::now() - m_lastReply;
+  // It came through the event loop, yet within a poll's reach: a poll would have found it.
+  if (!m_polled && gap < kBurstGap) m_spin.wouldHavePaid();
+  m_inBurst = gap < kBurstWindow;
+}
+
 void Connection::processBuffer() {
-  m_inBurst = Clock::now() - m_lastReply < kBurstGap;
   for (;;) {
     protocol::FrameHeader header;
     if (m_used < protocol::kHeaderSize) break;
@@ -103,6 +121,12 @@ void Connection::processBuffer() {
       drop(std::string(protocol::opcodeName(header.opcode)) + " before the handshake");
       return;
     }
+    if (request.opcode == protocol::Opcode::kEndSession) {
+      if (!m_parked) m_log.line(m_peer, ": session ended, connection kept");
+      m_sessions.end(m_client);
+      m_parked = true;
+      continue;
+    }
     if (m_options.hangAfter && m_answered >= *m_options.hangAfter) {
       if (!m_hanging) m_log.line(m_peer, ": hanging after ", m_answered, " requests");
       m_hanging = true;
@@ -110,11 +134,7 @@ void Connection::processBuffer() {
     }
 
     protocol::Reply reply;
-    m_handler.handle(request, reply);
-    if (request.opcode == protocol::Opcode::kHello) {
-      m_greeted = reply.status == protocol::ReplyStatus::kOk;
-      if (!m_greeted) m_log.line(m_peer, ": handshake refused: ", protocol::statusName(reply.status));
-    }
+    answer(request, reply);
     const size_t length = protocol::encodeReply(reply, m_reply.data(), m_reply.size());
     if (m_options.latency.count() > 0) {
       delayReply(length);
@@ -124,6 +144,53 @@ void Connection::processBuffer() {
     if (m_used < protocol::kHeaderSize && !awaitNextRequest()) break;
   }
   doRead();
+}
+
+void Connection::answer(const protocol::Request& request, protocol::Reply& reply) {
+  if (request.opcode == protocol::Opcode::kHello) {
+    m_handler.handle(request, reply);
+    if (reply.status == protocol::ReplyStatus::kOk && !m_sessions.open(m_client)) {
+      reply.status = protocol::ReplyStatus::kBusy;
+    }
+    m_greeted = reply.status == protocol::ReplyStatus::kOk;
+    if (!m_greeted) m_log.line(m_peer, ": handshake refused: ", protocol::statusName(reply.status));
+    m_parked = m_parked && !m_greeted;
+    return;
+  }
+  if (m_parked) {
+    if (!m_sessions.open(m_client)) {
+      reply = protocol::Reply();
+      reply.opcode = request.opcode;
+      reply.id = request.id;
+      reply.status = protocol::ReplyStatus::kBusy;
+      return;
+    }
+    m_parked = false;
+    m_log.line(m_peer, ": session resumed");
+  }
+  m_handler.handle(request, reply);
+}
+
+void Connection::readPendingEnd() {
+  // Only a frame that starts the socket's bytes: a partial one buffered here is a request.
+  if (m_used != 0 || !m_socket.is_open()) return;
+  uint8_t header[protocol::kHeaderSize];
+  const int fd = m_socket.native_handle();
+  const ssize_t peeked = ::recv(fd, header, sizeof header, MSG_PEEK | MSG_DONTWAIT);
+  protocol::FrameHeader frame;
+  if (peeked != static_cast<ssize_t>(sizeof header) ||
+      !protocol::decodeHeader(header, sizeof header, frame) || frame.payloadLength != 0 ||
+      (frame.opcode != uint8_t(protocol::Opcode::kEndSession) &&
+       frame.opcode != uint8_t(protocol::Opcode::kGoodbye))) {
+    return;
+  }
+  // Consumed here; the read that is pending finds what follows, if anything. After a Goodbye that
+  // is the end of the stream, or the agent closing the parked connection first.
+  (void)::recv(fd, header, sizeof header, MSG_DONTWAIT);
+  const bool goodbye = frame.opcode == uint8_t(protocol::Opcode::kGoodbye);
+  m_log.line(m_peer, goodbye ? ": goodbye" : ": session ended, connection kept");
+  m_sessions.end(m_client);
+  m_parked = true;
 }
 
 void Connection::delayReply(size_t length) {
@@ -136,8 +203,8 @@ void Connection::delayReply(size_t length) {
 }
 
 bool Connection::awaitNextRequest() {
-  if (!m_options.spin || !m_inBurst) return false;
-  if (!m_spin.shouldPoll()) return false;
+  m_polled = m_options.spin && m_inBurst && m_spin.shouldPoll();
+  if (!m_polled) return false;
   const Clock::time_point end = m_lastReply + kBurstGap;
   do {
     boost::system::error_code error;

@@ -46,6 +46,7 @@ void RequestHandler::handle(const protocol::Request& request, protocol::Reply& r
       m_reservations.releaseAll();
       break;
     case Opcode::kGoodbye:
+    case Opcode::kEndSession:
       break;
   }
 }

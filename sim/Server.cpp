@@ -48,6 +48,7 @@ Server::Server(SimOptions options)
     : m_options(std::move(options)),
       m_log(m_options.quiet),
       m_handler(m_options),
+      m_sessions(m_options.exclusive),
       m_signals(m_ioContext, SIGINT, SIGTERM),
       m_acceptor(m_ioContext),
       m_acceptPause(m_ioContext),
@@ -73,20 +74,27 @@ int Server::run() {
   if (!m_options.command.empty()) {
     runCommand();
   } else {
-    const tcp::endpoint local = m_acceptor.local_endpoint();
-    const boost::asio::ip::address address = local.address();
     // Brackets keep an IPv6 address apart from the port; readers take the port after the last ':'.
-    std::cout << "listening on " << (address.is_v6() ? "[" : "") << address.to_string()
-              << (address.is_v6() ? "]" : "") << ':' << local.port() << std::endl;
+    std::cout << "listening on " << listening().text() << std::endl;
   }
   m_ioContext.run();
+  // The server is ending. A second SIGINT or SIGTERM, sent by whoever sent the first before it
+  // saw this one act, stays pending from here on instead of killing the process once the signal
+  // set is destroyed and the default action is back: the exit status stays the server's.
+  sigset_t stopSignals;
+  ::sigemptyset(&stopSignals);
+  ::sigaddset(&stopSignals, SIGINT);
+  ::sigaddset(&stopSignals, SIGTERM);
+  ::pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   return m_commandStatus;
 }
 
 void Server::runCommand() {
-  const tcp::endpoint local = m_acceptor.local_endpoint();
-  ::setenv("KVX_AGENT_ADDRESS", local.address().to_string().c_str(), 1);
-  ::setenv("KVX_AGENT_PORT", std::to_string(local.port()).c_str(), 1);
+  const common::Endpoint where = listening();
+  ::setenv("KVX_AGENT_SERVER", where.text().c_str(), 1);
+  // Bare, as hosts pass it on as a server address.
+  ::setenv("KVX_AGENT_ADDRESS", where.host.c_str(), 1);
+  ::setenv("KVX_AGENT_PORT", std::to_string(where.port).c_str(), 1);
   std::vector<char*> argv;
   for (std::string& argument : m_options.command) argv.push_back(argument.data());
   argv.push_back(nullptr);
@@ -112,6 +120,11 @@ void Server::awaitCommandExit() {
   });
 }
 
+common::Endpoint Server::listening() const {
+  const tcp::endpoint local = m_acceptor.local_endpoint();
+  return common::Endpoint{local.address().to_string(), local.port()};
+}
+
 void Server::doAccept() {
   m_acceptor.async_accept([this](const boost::system::error_code& error, tcp::socket socket) {
     if (!m_acceptor.is_open()) return;
@@ -127,7 +140,7 @@ void Server::doAccept() {
         m_acceptPaused = false;
         m_log.line("accepting connections again");
       }
-      std::make_shared<Connection>(std::move(socket), m_handler, m_options, m_log)->start();
+      std::make_shared<Connection>(std::move(socket), m_handler, m_sessions, m_options, m_log)->start();
     }
     doAccept();
   });

@@ -11,8 +11,10 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "common/Endpoint.h"
 #include "sim/Log.h"
 #include "sim/RequestHandler.h"
+#include "sim/Sessions.h"
 #include "sim/SimOptions.h"
 
 namespace kvx::sim {
@@ -28,13 +30,15 @@ class Server {
   Server& operator=(const Server&) = delete;
 
   /// Prints "listening on ADDRESS:PORT" on stdout and serves until a signal stops the server;
-  /// returns 0. With a command, runs it instead of printing, with KVX_AGENT_ADDRESS and
-  /// KVX_AGENT_PORT in its environment, serves until it ends, passing SIGINT and SIGTERM on to it,
-  /// and returns its exit status (128 + the signal number if a signal ended it). Throws
+  /// returns 0. With a command, runs it instead of printing, with KVX_AGENT_SERVER (ADDRESS:PORT),
+  /// KVX_AGENT_ADDRESS and KVX_AGENT_PORT in its environment, serves until it ends, passing SIGINT and
+  /// SIGTERM on to it, and returns its exit status (128 + the signal number if a signal ended it). Throws
   /// std::runtime_error when the command cannot be started.
   int run();
 
  private:
+  /// Where the server listens, as its clients name it.
+  common::Endpoint listening() const;
   void doAccept();
   /// After an accept failed for want of descriptors or memory: logs that once per shortage and
   /// accepts again after a pause rather than at once.
@@ -47,6 +51,7 @@ class Server {
   SimOptions m_options;
   Log m_log;
   RequestHandler m_handler;
+  Sessions m_sessions;
   boost::asio::io_context m_ioContext;
   boost::asio::signal_set m_signals;
   boost::asio::ip::tcp::acceptor m_acceptor;

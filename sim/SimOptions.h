@@ -28,6 +28,8 @@ struct SimOptions {
   /// Stop answering a connection after this many requests, but keep it open.
   std::optional<uint64_t> hangAfter;
   bool refuseSessions = false;
+  /// One session at a time: another client's handshake is refused as busy while one is open.
+  bool exclusive = false;
   bool quiet = false;
   /// How long every reply is held back, as if the agent were that far away.
   std::chrono::microseconds latency{0};

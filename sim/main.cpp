@@ -38,12 +38,19 @@ uint64_t parseNumber(const std::string& text, const char* what) {
   throw std::invalid_argument(std::string("bad ") + what + ": " + text);
 }
 
-/// "START:LENGTH", each a number as parseNumber() takes it.
+/// "START:LENGTH", each a number as parseNumber() takes it, for a range that holds at least one
+/// byte and ends at or below 2^64.
 kvx::sim::DenyRange parseDenyRange(const std::string& text) {
   const size_t colon = text.find(':');
   if (colon == std::string::npos) throw std::invalid_argument("bad --deny range (START:LENGTH): " + text);
-  return {parseNumber(text.substr(0, colon), "--deny start"),
-          parseNumber(text.substr(colon + 1), "--deny length")};
+  const kvx::sim::DenyRange range{parseNumber(text.substr(0, colon), "--deny start"),
+                                  parseNumber(text.substr(colon + 1), "--deny length")};
+  if (range.length == 0)
+    throw std::invalid_argument("bad --deny range: a length of 0 denies nothing: " + text);
+  if (range.length - 1 > std::numeric_limits<uint64_t>::max() - range.start) {
+    throw std::invalid_argument("bad --deny range: it runs past the top of the address space: " + text);
+  }
+  return range;
 }
 
 }  // namespace
@@ -66,6 +73,7 @@ int main(int argc, char** argv) {
     ("drop-after", po::value<std::string>(), "close each connection after answering N requests (handshake included)")
     ("hang-after", po::value<std::string>(), "stop answering each connection after N requests, keeping it open")
     ("refuse-sessions", "refuse every handshake")
+    ("exclusive", "one session at a time: refuse another client's handshake as busy while one is open")
     ("latency-us", po::value<std::string>(), "hold every reply back N microseconds, as a remote agent would")
     ("no-spin", "never poll a busy client for its next request; always wait in the event loop")
     ("quiet", "log nothing on stderr");
@@ -95,7 +103,8 @@ int main(int argc, char** argv) {
       std::cout << "Usage: kvx-agent-sim [options] [-- COMMAND [ARGS...]]\n"
                 << "Serves a simulated target over the agent protocol and prints\n"
                 << "\"listening on ADDRESS:PORT\" once ready. With a COMMAND, serves while it runs\n"
-                << "instead, tells it where in KVX_AGENT_ADDRESS and KVX_AGENT_PORT, and exits with\n"
+                << "instead, tells it where in KVX_AGENT_SERVER (HOST:PORT), KVX_AGENT_ADDRESS and\n"
+                << "KVX_AGENT_PORT, and exits with\n"
                 << "its status. Numbers are decimal or 0x hexadecimal.\n\n"
                 << described;
       return EXIT_SUCCESS;
@@ -116,6 +125,8 @@ int main(int argc, char** argv) {
     }
     options.reserveBase = parseNumber(values["reserve-base"].as<std::string>(), "--reserve-base");
     options.reserveSize = parseNumber(values["reserve-size"].as<std::string>(), "--reserve-size");
+    if (options.reserveSize == 0)
+      throw std::invalid_argument("bad --reserve-size: 0 leaves nothing to reserve");
     if (values.count("drop-after")) {
       options.dropAfter = parseNumber(values["drop-after"].as<std::string>(), "--drop-after");
     }
@@ -123,6 +134,7 @@ int main(int argc, char** argv) {
       options.hangAfter = parseNumber(values["hang-after"].as<std::string>(), "--hang-after");
     }
     options.refuseSessions = values.count("refuse-sessions") > 0;
+    options.exclusive = values.count("exclusive") > 0;
     if (values.count("latency-us")) {
       const uint64_t latency = parseNumber(values["latency-us"].as<std::string>(), "--latency-us");
       if (latency > kLongestLatencyUs) throw std::invalid_argument("bad --latency-us: at most 10 s");

@@ -48,6 +48,8 @@ Status statusOf(protocol::ReplyStatus status) {
       return Status::kSessionRefused;
     case protocol::ReplyStatus::kValueTooWide:
       return Status::kValueTooWide;
+    case protocol::ReplyStatus::kBusy:
+      return Status::kBusy;
   }
   return Status::kRefused;
 }
@@ -80,6 +82,13 @@ bool configureConnected(int fd, int timeoutMs) {
 }  // namespace
 
 Status AgentSession::open(const char* address, int32_t port) {
+  m_opening = true;
+  const Status status = openNow(address, port);
+  m_opening = false;
+  return status;
+}
+
+Status AgentSession::openNow(const char* address, int32_t port) {
   close();
   if (address == nullptr || port < 1 || port > 65535 || std::strlen(address) >= kMaxAddress) {
     return Status::kInvalidArgument;
@@ -115,7 +124,7 @@ Status AgentSession::open(const char* address, int32_t port) {
   if (answered && (reply.value != protocol::kProtocolVersion ||
                    reply.status == protocol::ReplyStatus::kVersionMismatch)) {
     status = Status::kVersionMismatch;
-  } else if (answered && status != Status::kOk) {
+  } else if (answered && status != Status::kOk && status != Status::kBusy) {
     status = Status::kSessionRefused;
   }
   // A failed handshake leaves no session, whatever the reason, and nothing to park.
@@ -128,31 +137,24 @@ Status AgentSession::open(const char* address, int32_t port) {
 }
 
 bool AgentSession::resume(const char* address, int32_t port) {
-  for (Parked& parked : m_parked) {
-    if (parked.fd < 0 || parked.port != port || std::strcmp(parked.address, address) != 0) continue;
-    const int fd = parked.fd;
-    parked.fd = -1;
-    // Alive: nothing to read and no error. End of stream, a reset, or bytes the agent sent unasked
-    // mean that it is gone, restarted, or out of step with us.
-    uint8_t byte;
-    const ssize_t n = ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      m_fd = fd;
-      m_nextId = parked.nextId;
-      return true;
-    }
-    ::close(fd);
+  const ConnectionPool::Connection parked = m_pool.take(address, port);
+  if (parked.fd < 0) return false;
+  // Alive: nothing to read and no error. End of stream, a reset, or bytes the agent sent unasked
+  // mean that it is gone, restarted, out of step with us, or has given the session to another host.
+  uint8_t byte;
+  const ssize_t n = ::recv(parked.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+    m_fd = parked.fd;
+    m_nextId = parked.nextId;
+    return true;
   }
+  ::close(parked.fd);
   return false;
 }
 
 void AgentSession::expire(Clock::time_point now) {
-  for (Parked& parked : m_parked) {
-    if (parked.fd >= 0 && now - parked.since >= kIdleLimit) {
-      sayGoodbye(parked.fd, parked.nextId);
-      parked.fd = -1;
-    }
-  }
+  for (ConnectionPool::Connection idle; (idle = m_pool.takeExpired(now)).fd >= 0;)
+    sayGoodbye(idle.fd, idle.nextId);
 }
 
 void AgentSession::sayGoodbye(int fd, uint32_t id) {
@@ -168,7 +170,13 @@ void AgentSession::sayGoodbye(int fd, uint32_t id) {
 }
 
 Status AgentSession::connectTo(const char* address, int32_t port, Clock::time_point deadline) {
-  const common::Dialer::Result dialed = m_dialer.dial(address, port, deadline);
+  common::Dialer::Result dialed = m_dialer.dial(address, port, deadline);
+  // Out of descriptors: the parked connections give theirs back, and the dial is tried once more.
+  if (dialed.error == common::Dialer::Error::kFailed &&
+      (dialed.systemError == EMFILE || dialed.systemError == ENFILE) && m_pool.size() != 0) {
+    closeParked();
+    dialed = m_dialer.dial(address, port, deadline);
+  }
   switch (dialed.error) {
     case common::Dialer::Error::kNone:
       break;
@@ -190,30 +198,69 @@ Status AgentSession::connectTo(const char* address, int32_t port, Clock::time_po
 }
 
 void AgentSession::close() {
+  // The agent hears that the session has ended, so that it may admit another host's, and keeps
+  // the connection for a session to come. A connection that cannot take the message whole at once
+  // is out of step: it is closed instead.
+  if (m_fd >= 0 && !endSession()) {
+    sayGoodbye(m_fd, m_nextId++);
+    m_fd = -1;
+  }
   if (m_fd >= 0) {
-    // The slot of the same endpoint, else a free one, else the one parked longest.
-    const Clock::time_point now = Clock::now();
-    Parked* slot = &m_parked[0];
-    for (Parked& parked : m_parked) {
-      if (parked.fd < 0 || parked.since < slot->since) slot = &parked;
-    }
-    if (slot->fd >= 0) sayGoodbye(slot->fd, slot->nextId);
-    *slot = Parked{m_fd, m_port, m_nextId, now, {}};
-    std::strcpy(slot->address, m_address);
+    const ConnectionPool::Connection leaving = m_pool.park({m_fd, m_nextId}, m_address, m_port, Clock::now());
+    if (leaving.fd >= 0) sayGoodbye(leaving.fd, leaving.nextId);
     m_fd = -1;
   }
   m_closedStatus = Status::kNoSession;
+  m_reopen = false;
+}
+
+void AgentSession::leaveToParent(bool intact) {
+  m_reopen = m_fd >= 0 && !m_opening;
+  if (intact) {
+    if (m_fd >= 0) ::close(m_fd);
+    for (ConnectionPool::Connection parked; (parked = m_pool.takeAny()).fd >= 0;) ::close(parked.fd);
+  }
+  m_pool.forget();
+  m_fd = -1;
+  m_closedStatus = Status::kNoSession;
+  m_opening = false;
+  m_spin = common::SpinBackoff();
+  // Lookups the parent gave up belong to its resolver threads, which the child does not have.
+  m_dialer = common::Dialer();
+}
+
+Status AgentSession::reopenInChild() {
+  if (!m_reopen) return Status::kOk;
+  m_reopen = false;
+  char address[kMaxAddress];
+  std::strcpy(address, m_address);
+  return open(address, m_port);
+}
+
+bool AgentSession::endSession() {
+  protocol::Request end;
+  end.opcode = protocol::Opcode::kEndSession;
+  end.id = m_nextId++;
+  uint8_t frame[protocol::kMaxFrameSize];
+  const size_t length = protocol::encodeRequest(end, frame, sizeof frame);
+  return ::send(m_fd, frame, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
+}
+
+void AgentSession::closeParked() {
+  for (ConnectionPool::Connection parked; (parked = m_pool.takeAny()).fd >= 0;)
+    sayGoodbye(parked.fd, parked.nextId);
 }
 
 void AgentSession::closeAll() {
+  if (m_fd >= 0) sayGoodbye(m_fd, m_nextId++);
+  m_fd = -1;
   close();
-  for (Parked& parked : m_parked) {
-    if (parked.fd >= 0) sayGoodbye(parked.fd, parked.nextId);
-    parked.fd = -1;
-  }
+  closeParked();
+  m_pool.release();
 }
 
 Status AgentSession::checkConnection() {
+  if (const Status reopened = reopenInChild(); reopened != Status::kOk) return reopened;
   if (m_fd < 0) return m_closedStatus;
   // A peek reports end-of-stream as 0 and a pending socket error (a reset) as -1 with that
   // error, so no separate SO_ERROR query is needed.
@@ -225,6 +272,7 @@ Status AgentSession::checkConnection() {
 }
 
 Status AgentSession::transact(protocol::Request& request, protocol::Reply& reply) {
+  if (const Status reopened = reopenInChild(); reopened != Status::kOk) return reopened;
   const Clock::time_point now = Clock::now();
   expire(now);
   return exchange(request, reply, now + std::chrono::milliseconds(m_timeoutMs), true);
@@ -277,7 +325,8 @@ Status AgentSession::receiveFrame(size_t expected, Clock::time_point deadline, b
   // stream of signals can stretch the call.
   size_t received = 0;
   // Bytes that came while polling are looked at before anything waits for more.
-  bool polled = spinForReply(received);
+  Clock::time_point unpolledSince{};
+  bool polled = spinForReply(received, unpolledSince);
   bool blocking = blockFirst && !polled;
   for (;;) {
     if (!polled) {
@@ -297,6 +346,10 @@ Status AgentSession::receiveFrame(size_t expected, Clock::time_point deadline, b
         continue;
       }
       received += static_cast<size_t>(n);
+      // A reply that nobody polled for, yet came as soon as a poll would have waited for it.
+      if (unpolledSince != Clock::time_point{} && Clock::now() - unpolledSince < kSpinLimit)
+        m_spin.wouldHavePaid();
+      unpolledSince = {};
     }
     polled = false;
     if (received >= protocol::kHeaderSize) {
@@ -312,8 +365,11 @@ Status AgentSession::receiveFrame(size_t expected, Clock::time_point deadline, b
   }
 }
 
-bool AgentSession::spinForReply(size_t& received) {
-  if (!m_spin.shouldPoll()) return false;
+bool AgentSession::spinForReply(size_t& received, Clock::time_point& unpolledSince) {
+  if (!m_spin.shouldPoll()) {
+    unpolledSince = Clock::now();
+    return false;
+  }
   const Clock::time_point end = Clock::now() + kSpinLimit;
   do {
     const ssize_t n = ::recv(m_fd, m_receiveBuffer, sizeof m_receiveBuffer, MSG_DONTWAIT);

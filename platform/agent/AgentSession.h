@@ -1,14 +1,16 @@
 // The agent session: one TCP connection to a target agent, carrying one request and its reply at
-// a time, and a few recently used connections kept open behind it.
+// a time, and the recently used connections kept open behind it (ConnectionPool).
 //
-// A session that is closed parks its connection, keyed by its address and port, instead of
-// closing it, so that opening a session with that endpoint again costs neither a connect nor a
-// handshake: a host that alternates between agents switches at the cost of one peek. A parked
-// connection is checked alive before it is used again; a dead one (its agent gone or restarted)
-// is closed and replaced by a new connection, within the open's deadline. At most kPoolSize
-// connections are parked; the one parked longest goes when another comes, and any that has been
-// idle for kIdleLimit is closed at the library's next call. Each closed connection gets the
-// agent's Goodbye first.
+// Closing a session ends it at the agent, which then forgets who holds it (EndSession, one frame
+// that nothing waits for), but keeps the connection open, parked under its address and port, so
+// that opening a session with that endpoint again costs neither a connect nor a handshake: a host
+// that alternates between agents switches at the cost of one frame and one peek. Resuming a
+// parked connection is as good as a handshake: an agent gives the session to another host only
+// after closing the parked connections, so one that is still open, with nothing unasked in it,
+// is one that the agent takes back. A dead one (its agent gone, restarted, or its session given
+// away) is closed and replaced by a new connection and handshake, within the open's deadline. A
+// connection parked for ConnectionPool::kIdleLimit is closed at the library's next call, and
+// each closed connection gets the agent's Goodbye first.
 //
 // Not thread-safe: the caller serialises every call (libtarget.agent.so holds one instance under
 // one mutex). The instance owns its sockets. It is trivially destructible on purpose: the library
@@ -22,12 +24,10 @@
 #include "common/Dialer.h"
 #include "common/SpinBackoff.h"
 #include "platform/agent/AgentStatus.h"
+#include "platform/agent/ConnectionPool.h"
 #include "platform/protocol/AgentProtocol.h"
 
 namespace kvx::agent {
-
-/// The longest address a session is opened with, NUL included: a host name at most.
-constexpr size_t kMaxAddress = 1025;
 
 class AgentSession {
  public:
@@ -42,11 +42,18 @@ class AgentSession {
   /// failure no session is open.
   Status open(const char* address, int32_t port);
 
-  /// Ends the session and parks its connection. Harmless when none is open. Later calls fail with
-  /// kNoSession.
+  /// Ends the session at the agent (EndSession) and parks its connection. Harmless when none is
+  /// open. Later calls fail with kNoSession.
   void close();
   /// Says Goodbye on every connection, the session's and the parked ones, and closes them.
   void closeAll();
+
+  /// In a child that fork() made: the connections are the parent's, and a byte sent, read, or a
+  /// Goodbye said on them would reach or end the parent's sessions. They are given up without a
+  /// word: closed when `intact`, which only drops the child's hold on them; merely forgotten when a
+  /// thread of the parent was inside a call at the fork, as their descriptors may then be stale.
+  /// The child's next call opens the session again where it was, on a connection of its own.
+  void leaveToParent(bool intact);
 
   /// kOk while the connection is up. Tests it without consuming data and without blocking: one
   /// non-blocking peek. A connection found closed or in error is dropped.
@@ -62,24 +69,19 @@ class AgentSession {
  private:
   using Clock = std::chrono::steady_clock;
 
-  /// How many connections stay parked, and how long one may wait.
-  static constexpr size_t kPoolSize = 4;
-  static constexpr std::chrono::seconds kIdleLimit{30};
-
-  /// A connection kept open for a session with its endpoint to come.
-  struct Parked {
-    int fd = -1;
-    int32_t port = 0;
-    uint32_t nextId = 0;
-    Clock::time_point since;
-    char address[kMaxAddress] = {};
-  };
-
+  /// open() itself, within m_opening.
+  Status openNow(const char* address, int32_t port);
+  /// In a forked child, at its first call: opens the session where the parent had it, if m_reopen.
+  Status reopenInChild();
   Status connectTo(const char* address, int32_t port, Clock::time_point deadline);
   /// Takes the parked connection to (`address`, `port`) if there is one and it is alive.
   bool resume(const char* address, int32_t port);
-  /// Closes the parked connections that have been idle for kIdleLimit by `now`.
+  /// Closes the parked connections that have been idle for ConnectionPool::kIdleLimit by `now`.
   void expire(Clock::time_point now);
+  /// Says Goodbye on every parked connection and closes them.
+  void closeParked();
+  /// Sends EndSession on the session's connection, without waiting; false unless it went out whole.
+  bool endSession();
   /// Says Goodbye on `fd`, without waiting, and closes it.
   void sayGoodbye(int fd, uint32_t id);
   /// transact() against `deadline`. `deadlineIsFresh`: it was set just before this call, so the
@@ -91,8 +93,9 @@ class AgentSession {
   /// Receives a frame of `expected` bytes by `deadline`; `blockFirst`: see exchange().
   Status receiveFrame(size_t expected, Clock::time_point deadline, bool blockFirst);
   /// Polls for the reply for up to kSpinLimit before the caller sleeps in recv, while polling
-  /// keeps paying off; true when bytes came, `received` of them.
-  bool spinForReply(size_t& received);
+  /// keeps paying off; true when bytes came, `received` of them. When the back-off skips the
+  /// poll, `unpolledSince` says from when, so that a reply that would have been caught resets it.
+  bool spinForReply(size_t& received, Clock::time_point& unpolledSince);
 
   /// How long a call polls for its reply before it sleeps. An agent on another CPU answers in
   /// less than this when it is not asleep itself, while waking a sleeping caller there costs tens
@@ -106,9 +109,13 @@ class AgentSession {
   /// The session's endpoint, under which its connection is parked.
   char m_address[kMaxAddress] = {};
   int32_t m_port = 0;
-  Parked m_parked[kPoolSize] = {};
+  ConnectionPool m_pool;
   /// What calls report while m_fd < 0.
   Status m_closedStatus = Status::kNoSession;
+  /// Inside open(), when m_address may be half written.
+  bool m_opening = false;
+  /// A forked child has yet to open its own connection for the session the parent had open.
+  bool m_reopen = false;
   uint32_t m_nextId = 1;
   /// The deadline of each call of the open session, in milliseconds.
   int m_timeoutMs = 0;

@@ -54,6 +54,8 @@ enum class Status : int32_t {
   kNotReserved = -17,
   /// The agent refused an argument that it checks itself, such as a reservation of 0 bytes.
   kArgumentRefused = -18,
+  /// start_session: the agent admits one session at a time, and another host's is open.
+  kBusy = -19,
 };
 
 }  // namespace kvx::agent

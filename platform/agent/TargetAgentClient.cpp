@@ -2,13 +2,17 @@
 //
 // The library holds one session for the whole process. Every function checks its arguments
 // first, then takes the session lock for exactly one request and its reply, so concurrent
-// callers never interleave frames on the socket or receive each other's replies.
+// callers never interleave frames on the socket or receive each other's replies. A child that
+// fork() makes never touches its parent's connections: its first call opens its own.
 
 #include "agent/TargetAgent.h"
+
+#include <pthread.h>
 
 #include <cassert>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "platform/agent/AgentSession.h"
 #include "platform/agent/AgentStatus.h"
@@ -34,6 +38,23 @@ int32_t code(Status status) { return static_cast<int32_t>(status); }
 __attribute__((destructor)) void closeConnections() {
   std::unique_lock<std::mutex> lock(g_mutex, std::try_to_lock);
   if (lock.owns_lock()) g_session.closeAll();
+}
+
+/// In a child that fork() made. g_mutex held at the fork means a thread of the parent was inside
+/// a call; it does not exist here, so the lock is made anew and the session's state is not trusted.
+void leaveConnectionsToParent() {
+  if (g_mutex.try_lock()) {
+    g_session.leaveToParent(true);
+    g_mutex.unlock();
+    return;
+  }
+  new (&g_mutex) std::mutex;
+  g_session.leaveToParent(false);
+}
+
+/// Registered as the library is loaded; the C library forgets the handler when it is unloaded.
+__attribute__((constructor)) void registerForkHandler() {
+  ::pthread_atfork(nullptr, nullptr, leaveConnectionsToParent);
 }
 
 int32_t transact(protocol::Request& request, protocol::Reply& reply) {

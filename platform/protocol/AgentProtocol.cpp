@@ -41,7 +41,7 @@ void store64(uint8_t* p, uint64_t v) {
 }
 
 bool isRequestOpcode(uint8_t op) {
-  return op >= static_cast<uint8_t>(Opcode::kHello) && op <= static_cast<uint8_t>(Opcode::kDdrUnreserveAll);
+  return op >= static_cast<uint8_t>(Opcode::kHello) && op <= static_cast<uint8_t>(Opcode::kEndSession);
 }
 
 /// The fixed part of a request's payload; RegWrite and RegRead add the name.
@@ -50,6 +50,7 @@ size_t requestFixedPayload(Opcode op) {
     case Opcode::kHello:
       return kHelloPayload;
     case Opcode::kGoodbye:
+    case Opcode::kEndSession:
     case Opcode::kDdrUnreserveAll:
       return 0;
     case Opcode::kIoWrite:
@@ -83,6 +84,7 @@ size_t replyPayload(Opcode op) {
     case Opcode::kDdrUnreserveAll:
       return kStatusSize;
     case Opcode::kGoodbye:
+    case Opcode::kEndSession:
       return 0;
   }
   return 0;
@@ -141,6 +143,7 @@ bool decodeRequest(const uint8_t* data, size_t size, Request& out) {
       out.value = load32(p);
       return true;
     case Opcode::kGoodbye:
+    case Opcode::kEndSession:
     case Opcode::kDdrUnreserveAll:
       return true;
     case Opcode::kIoWrite:
@@ -223,6 +226,7 @@ size_t encodeRequest(const Request& request, uint8_t* out, size_t capacity) {
       store32(p, static_cast<uint32_t>(request.value));
       break;
     case Opcode::kGoodbye:
+    case Opcode::kEndSession:
     case Opcode::kDdrUnreserveAll:
       break;
     case Opcode::kIoWrite:
@@ -293,6 +297,8 @@ const char* opcodeName(uint8_t opcode) {
       return "hello";
     case Opcode::kGoodbye:
       return "goodbye";
+    case Opcode::kEndSession:
+      return "end-session";
     case Opcode::kIoWrite:
       return "io-write";
     case Opcode::kIoRead:
@@ -333,6 +339,8 @@ const char* statusName(ReplyStatus status) {
       return "session refused";
     case ReplyStatus::kValueTooWide:
       return "value too wide";
+    case ReplyStatus::kBusy:
+      return "busy";
   }
   return "unknown status";
 }

@@ -33,7 +33,7 @@ constexpr size_t kHeaderSize = 12;
 /// The protocol version a client announces in Hello and an agent in its reply; each side refuses
 /// any other. Hello and its reply keep their layout in every version, so that both sides can
 /// always tell a mismatch from a malformed frame.
-constexpr uint32_t kProtocolVersion = 2;
+constexpr uint32_t kProtocolVersion = 3;
 
 /// Register names travel as a length byte and 1 to kMaxRegisterName bytes, no NUL.
 constexpr size_t kMaxRegisterName = 63;
@@ -59,6 +59,9 @@ enum class Opcode : uint8_t {
   kDdrReserve = 0x07,       ///< u64 size -> u32 status, u64 address
   kDdrUnreserve = 0x08,     ///< u64 address -> u32 status
   kDdrUnreserveAll = 0x09,  ///< (empty) -> u32 status
+  /// (empty); no reply. The session ends and the connection stays open; the next request on it,
+  /// Hello or another, opens a session again.
+  kEndSession = 0x0A,
 };
 
 /// The agent's answer to a request; every reply payload starts with one.
@@ -73,6 +76,7 @@ enum class ReplyStatus : uint32_t {
   kVersionMismatch = 7,  ///< Hello with a version the agent does not speak
   kSessionRefused = 8,   ///< the agent accepts no session at all
   kValueTooWide = 9,     ///< RegWrite: the value has bits set above the register's width
+  kBusy = 10,            ///< Hello: the agent admits one session at a time, and another is open
 };
 
 // ---- Messages ----
@@ -96,7 +100,7 @@ struct Request {
 };
 
 struct Reply {
-  /// The request's opcode, without kReplyBit. Never kGoodbye.
+  /// The request's opcode, without kReplyBit. Never kGoodbye or kEndSession.
   Opcode opcode = Opcode::kHello;
   uint32_t id = 0;
   /// Any value may arrive; kOk is the only success.
@@ -131,7 +135,7 @@ bool decodeHeader(const uint8_t* data, size_t size, FrameHeader& out);
 bool decodeRequest(const uint8_t* data, size_t size, Request& out);
 
 /// Decodes one reply frame occupying exactly `size` bytes at `data`. Returns false, leaving `out`
-/// unspecified, for a bad header, a request opcode, a reply to Goodbye or an unknown opcode, a
+/// unspecified, for a bad header, a request opcode, a reply to Goodbye, to EndSession or an unknown opcode, a
 /// payload length other than the opcode's, trailing bytes, or a RegRead reply whose width is
 /// above kMaxRegisterWidth, or 0 with status kOk. The status is not checked otherwise.
 bool decodeReply(const uint8_t* data, size_t size, Reply& out);
@@ -150,7 +154,7 @@ size_t encodeRequest(const Request& request, uint8_t* out, size_t capacity);
 size_t encodeReply(const Reply& reply, uint8_t* out, size_t capacity);
 
 /// The length of the reply frame to `opcode` (kHeaderSize plus the fixed payload), or 0 for
-/// kGoodbye and unknown opcodes.
+/// kGoodbye, kEndSession and unknown opcodes.
 size_t replyFrameSize(Opcode opcode);
 
 /// A short lower-case name for logs ("io-read"), or "unknown".

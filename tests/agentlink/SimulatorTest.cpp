@@ -5,10 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/SimProcess.h"
 #include "tests/support/WireConnection.h"
 
@@ -75,11 +77,35 @@ TEST(SimulatorTest, MalformedFramesDropOnlyTheirOwnConnection) {
 
 TEST(SimulatorTest, BadCommandLinesStopTheSimulatorBeforeItListens) {
   const std::vector<std::vector<std::string>> commandLines = {
-      {"--port", "65536"},        {"--deny", "0x1000"},         {"--memory-limit", "12k"},
-      {"--reserve-base", "0x81"}, {"--bind", "not-an-address"}, {"--no-such-option"},
+      {"--port", "65536"},
+      {"--deny", "0x1000"},
+      {"--memory-limit", "12k"},
+      {"--reserve-base", "0x81"},
+      {"--bind", "not-an-address"},
+      {"--no-such-option"},
+      // Ranges that mean nothing: empty, or running past the top of the address space.
+      {"--deny", "0x10:0"},
+      {"--deny", "0xfffffffffffffff0:0x11"},
+      {"--reserve-size", "0"},
   };
   for (const auto& arguments : commandLines) {
     EXPECT_THROW(SimProcess{arguments}, std::runtime_error) << arguments[0] << ' ' << arguments.back();
+  }
+}
+
+// A command run under the simulator learns where it listens: HOST:PORT ready for --server, and
+// the bare address and the port for hosts that take them apart. The simulator ends with it.
+TEST(SimulatorTest, CommandFindsTheAgentInItsEnvironmentAndGivesItsStatus) {
+  const std::string print = R"(echo "$KVX_AGENT_SERVER|$KVX_AGENT_ADDRESS|$KVX_AGENT_PORT"; exit 3)";
+  for (const std::string bind : {"127.0.0.1", "::1"}) {
+    const ProgramResult result =
+        runProgram({TA_KVX_SIM_PATH, "--quiet", "--bind", bind, "--", "/bin/sh", "-c", print});
+    if (result.exitCode == 1 && result.err.find("cannot listen") != std::string::npos) {
+      GTEST_SKIP() << "no " << bind << " here: " << result.err;
+    }
+    const std::string host = bind == "::1" ? "\\[::1\\]" : "127\\.0\\.0\\.1";
+    EXPECT_EQ(result.exitCode, 3) << result;
+    EXPECT_TRUE(std::regex_match(result.out, std::regex(host + ":(\\d+)\\|" + bind + "\\|\\1\n"))) << result;
   }
 }
 

@@ -3,13 +3,19 @@
 
 #include "agent/TargetAgent.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <memory>
@@ -19,6 +25,7 @@
 #include <vector>
 
 #include "platform/agent/AgentStatus.h"
+#include "tests/support/ChildProcess.h"
 #include "tests/support/SimProcess.h"
 #include "tests/support/WireConnection.h"
 
@@ -137,6 +144,73 @@ TEST_F(TargetAgentClientTest, ReopenedSessionsReuseOnlyConnectionsThatAreAlive) 
   EXPECT_EQ(value[0], 0x00) << "the restarted agent's memory is empty";
 }
 
+// A host that switches away ends its session at the agent: an exclusive agent admits another
+// host at once, and the first host's way back is refused as busy, honestly, until it is free.
+TEST_F(TargetAgentClientTest, ClosedSessionEndsAtTheAgentAndKeepsNoOtherHostOut) {
+  SimProcess exclusive({"--quiet", "--exclusive"});
+  SimProcess other({"--quiet"});
+  protocol::Request hello;
+  hello.value = protocol::kProtocolVersion;
+  protocol::Reply reply;
+  test::WireConnection secondHost(exclusive.endpoint());
+
+  ASSERT_EQ(connect(exclusive), 0);
+  ASSERT_TRUE(secondHost.transact(hello, reply));
+  EXPECT_EQ(reply.status, protocol::ReplyStatus::kBusy);
+  ASSERT_EQ(connect(other), 0) << "a switch away, which closes the first session";
+  ASSERT_TRUE(secondHost.transact(hello, reply));
+  EXPECT_EQ(reply.status, protocol::ReplyStatus::kOk) << "the agent has forgotten the first host";
+  EXPECT_EQ(connect(exclusive), code(Status::kBusy));
+  secondHost.close();
+  EXPECT_EQ(connect(exclusive), 0) << "free again once the second host has gone";
+}
+
+/// The descriptors of this process that are sockets.
+size_t openSockets() {
+  size_t sockets = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code error;
+    sockets += std::filesystem::read_symlink(entry.path(), error).string().rfind("socket:", 0) == 0;
+  }
+  return sockets;
+}
+
+// A host that switches round robin between many agents keeps a connection to each, so a switch
+// never reconnects; but never more than a quarter of the descriptors it may open.
+TEST_F(TargetAgentClientTest, ParkedConnectionsFollowTheAgentsUsedWithinAQuarterOfTheDescriptorLimit) {
+  constexpr size_t kAgents = 24;
+  std::vector<std::unique_ptr<SimProcess>> agents;
+  for (size_t i = 0; i < kAgents; ++i)
+    agents.push_back(std::make_unique<SimProcess>(std::vector<std::string>{"--quiet"}));
+  const auto roundRobin = [&agents](uint64_t seed) {
+    int wrong = 0;
+    for (int round = 0; round < 3; ++round) {
+      for (size_t a = 0; a < agents.size(); ++a) {
+        uint64_t readBack = 0;
+        wrong += connect(*agents[a]) != 0 || io_write(0x100, seed + a, 8) != 0 ||
+                 io_read(0x100, reinterpret_cast<uint8_t*>(&readBack), 8) != 0 || readBack != seed + a;
+      }
+    }
+    return wrong;
+  };
+  const size_t before = openSockets();
+  EXPECT_EQ(roundRobin(0x1000), 0);
+  EXPECT_EQ(openSockets() - before, kAgents) << "one connection per agent, the session's among them";
+
+  // With a lower descriptor limit the pool holds fewer than the agents: the others are closed as
+  // they are parked. The child has given up the parent's sockets.
+  test::ForkedChild child([&] {
+    const size_t descriptors =
+        static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+    const rlimit limit{descriptors + 40, descriptors + 40};
+    const size_t bound = limit.rlim_cur / 4;
+    if (bound >= kAgents || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) return 3;
+    if (roundRobin(0x2000) != 0) return 1;
+    return openSockets() <= bound + 1 ? 0 : 2;
+  });
+  EXPECT_EQ(child.join().exitCode, 0);
+}
+
 // 0 ms is no deadline a call could keep: the library takes its default instead, which a late
 // reply meets.
 TEST_F(TargetAgentClientTest, DeadlineOfZeroMillisecondsIsTakenForTheDefault) {
@@ -169,8 +243,18 @@ TEST_F(TargetAgentClientTest, SessionThatCannotStartLeavesNone) {
   SimProcess refusing({"--refuse-sessions"});
   EXPECT_EQ(connect(refusing), code(Status::kSessionRefused));
   expectEveryCallFailsWith(Status::kNoSession);
-  refusing.stop();
-  EXPECT_EQ(connect(refusing), code(Status::kConnectionRefused)) << "nobody listening";
+  // A port held by a socket that does not listen: no other program can take it meanwhile, as it
+  // could take a stopped simulator's.
+  const int held = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof where;
+  ASSERT_TRUE(::bind(held, reinterpret_cast<sockaddr*>(&where), sizeof where) == 0 &&
+              ::getsockname(held, reinterpret_cast<sockaddr*>(&where), &length) == 0);
+  EXPECT_EQ(start_session("127.0.0.1", ntohs(where.sin_port)), code(Status::kConnectionRefused))
+      << "nobody listening";
+  ::close(held);
   EXPECT_EQ(start_session("no-such-host.invalid", 4000), code(Status::kUnresolved));
   // Agents of another version: one refuses ours, the other accepts it but announces version 1.
   const std::pair<size_t, uint8_t> otherVersions[] = {
@@ -241,6 +325,29 @@ TEST_F(TargetAgentClientTest, RepliesThatDoNotAnswerTheRequestEndTheSession) {
     EXPECT_EQ(buffer, Frame(8, 0xEE));
     EXPECT_EQ(get_sock_status(), code(Status::kConnectionLost));
   }
+}
+
+// The child calls without a start_session of its own: its first call opens a connection to the
+// session's endpoint, while the parent goes on with the connection it had. On one shared socket
+// both would send the same request ids and take each other's replies.
+TEST_F(TargetAgentClientTest, ForkedChildCallsOnAConnectionOfItsOwn) {
+  SimProcess sim({"--quiet"});
+  ASSERT_EQ(connect(sim), 0);
+  const auto readsBackItsWrites = [](uint64_t at) {
+    int wrong = 0;
+    for (uint64_t written = 1; written <= 1000; ++written) {
+      uint64_t readBack = 0;
+      wrong += io_write(at, written, 8) != 0 || io_read(at, reinterpret_cast<uint8_t*>(&readBack), 8) != 0 ||
+               readBack != written;
+    }
+    return wrong;
+  };
+  test::ForkedChild child([&] { return readsBackItsWrites(0x200) == 0 ? 0 : 1; });
+  EXPECT_EQ(readsBackItsWrites(0x100), 0);
+  EXPECT_EQ(child.join().exitCode, 0);
+  Frame childs(8);
+  ASSERT_EQ(io_read(0x200, childs.data(), 8), 0);
+  EXPECT_EQ(childs, (Frame{0xE8, 0x03, 0, 0, 0, 0, 0, 0})) << "the child's last write, 1000";
 }
 
 TEST_F(TargetAgentClientTest, ConcurrentCallersNeverReceiveEachOthersReplies) {

@@ -248,9 +248,9 @@ TEST_F(KvxTaTest, OutputsNeverLie) {
   // So does one stopped by Ctrl-C, whose failure says so.
   SimProcess slow({"--quiet", "--latency-us", "200"});
   for (const char* jobs : {"1", "2"}) {
-    const ProgramResult stopped =
-        runProgram({"/usr/bin/timeout", "--preserve-status", "-s", "INT", "0.5", KVX_TA_PATH, "--server",
-                    slow.endpoint().text(), "--jobs", jobs, "dump", "0", "0x100000", "--out", out});
+    const ProgramResult stopped = runProgram({KVX_TA_PATH, "--server", slow.endpoint().text(), "--jobs", jobs,
+                                              "dump", "0", "0x100000", "--out", out},
+                                             "", {}, std::chrono::milliseconds(300));
     EXPECT_TRUE(stopped.exitCode == 130 && stopped.err.find("interrupted (Ctrl-C)") != std::string::npos)
         << stopped;
     EXPECT_EQ(contentOf(out), "old");

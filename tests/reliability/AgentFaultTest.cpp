@@ -11,10 +11,12 @@
 
 #include <stdlib.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -99,6 +101,53 @@ TEST(AgentFaultTest, FailedSessionIsReopenedOnlyAfterASwitchThroughAnotherEndpoi
         << context << " (a restarted agent starts empty)";
   }
   ::unsetenv("TA_AGENT_TIMEOUT_MS");
+}
+
+/// The way back that hosts of ours offer after an agent restarts, through the plug-in's public
+/// interface alone: the session switches to an endpoint that no process has, which the agent
+/// library refuses at once, so the next access through any process switches back and opens a
+/// fresh session.
+void reconnect() { TaProcessKVX("", -1).activateConnection(); }
+
+TEST(AgentFaultTest, AgentRestartedUnderLongLivedProcessesIsReachedAgainAfterReconnect) {
+  SimProcess restarting({"--quiet"});
+  SimProcess other({"--quiet"});
+  const auto first = processFor(restarting);
+  const auto second = processFor(restarting);
+  const auto elsewhere = processFor(other);
+  for (const bool othersBusy : {false, true}) {
+    const std::string context = othersBusy ? "another thread busy elsewhere" : "alone";
+    uint64_t value = 0x600D;
+    first->write_mem(at(0x40), 1, 8, &value);
+    if (!restarting.restart({"--quiet"})) {
+      GTEST_SKIP() << "port " << restarting.port() << " could not be bound again within two seconds";
+    }
+    EXPECT_THROW(read64(*first, 0x40), Exception) << context << ": the session was lost";
+
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    std::thread busy;
+    if (othersBusy) {
+      busy = std::thread([&] {
+        for (uint64_t i = 0; !done; ++i) {
+          try {
+            elsewhere->write_mem(at(0x80), 1, 8, &i);
+            failures += read64(*elsewhere, 0x80) != i;
+          } catch (const Exception&) {
+            ++failures;
+          }
+        }
+      });
+    }
+    reconnect();
+    EXPECT_EQ(read64(*first, 0x40), 0u) << context << ": the new agent, empty";
+    value = 0xBEEF;
+    second->write_mem(at(0x48), 1, 8, &value);
+    EXPECT_EQ(read64(*first, 0x48), value) << context;
+    done = true;
+    if (busy.joinable()) busy.join();
+    EXPECT_EQ(failures.load(), 0) << context << ": the other thread's accesses were disturbed";
+  }
 }
 
 }  // namespace

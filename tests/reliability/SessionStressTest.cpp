@@ -1,5 +1,5 @@
-// Many host threads on four agents at once, through the whole stack: the manager, the plug-in, the
-// real agent client library and four kvx-agent-sim processes. Each accessing thread owns a range
+// Many host threads on sixteen agents at once, through the whole stack: the manager, the plug-in, the
+// real agent client library and sixteen kvx-agent-sim processes. Each accessing thread owns a range
 // of target memory on one agent (two threads share each agent's process) and reads back every
 // value it writes, while other threads create processes through the manager, check that each
 // reaches its own agent, and leave it to be destroyed on another thread. Afterwards every agent is
@@ -34,12 +34,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using kvx::test::at;
 
-constexpr int kAgents = 4;
-constexpr int kAccessors = 8;
+constexpr int kAgents = 16;
+constexpr int kAccessors = 32;
 constexpr int kChurners = 2;
 /// Bytes of target memory each accessor owns. The ranges lie back to back from kRangeBase, 512
 /// bytes below a simulator page boundary, so some accesses straddle two pages.
-constexpr uint64_t kRangeSize = 1024;
+constexpr uint64_t kRangeSize = 256;
 constexpr uint64_t kRangeBase = 0x100000 - 512;
 /// Each agent holds its own number here, for the processes that come and go to check.
 constexpr uint64_t kSentinel = 0x8000;

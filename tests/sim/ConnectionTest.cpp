@@ -21,6 +21,8 @@ namespace {
 using boost::asio::ip::tcp;
 
 TEST(ConnectionTest, RepliesTheSocketCannotTakeAtOnceFollowWholeAndInOrder) {
+  // Outlives the io_context, which holds the connection until it is destroyed.
+  Sessions sessions(false);
   boost::asio::io_context io;
   tcp::acceptor acceptor(io, tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
   test::WireConnection client(common::Endpoint{"127.0.0.1", acceptor.local_endpoint().port()});
@@ -30,7 +32,7 @@ TEST(ConnectionTest, RepliesTheSocketCannotTakeAtOnceFollowWholeAndInOrder) {
   const SimOptions options;
   RequestHandler handler(options);
   const Log quiet(true);
-  std::make_shared<Connection>(std::move(socket), handler, options, quiet)->start();
+  std::make_shared<Connection>(std::move(socket), handler, sessions, options, quiet)->start();
 
   // A handshake (id 0), then reads with ids 1 to kReads, all in one send on another thread.
   constexpr uint32_t kReads = 20000;

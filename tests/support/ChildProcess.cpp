@@ -7,8 +7,14 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <ostream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -48,10 +54,86 @@ std::vector<char*> pointers(const std::vector<std::string>& strings) {
   return result;
 }
 
+/// Whether process `pid` has a handler for SIGINT, as /proc/PID/status says.
+bool catchesInterrupt(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("SigCgt:", 0) == 0) return (std::stoull(line.substr(7), nullptr, 16) >> (SIGINT - 1)) & 1;
+  }
+  return false;
+}
+
+/// Whether every process of process group `group` has a handler for SIGINT.
+bool groupCatchesInterrupt(pid_t group) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    // The fields after the parenthesised command name: state, parent, process group.
+    std::ifstream stat(entry.path() / "stat");
+    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 1));
+    std::string state;
+    pid_t parent = 0;
+    pid_t processGroup = 0;
+    if (fields >> state >> parent >> processGroup && processGroup == group && state != "Z" &&
+        !catchesInterrupt(std::stoi(name))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/// Waits for `pid`, the leader of a process group of its own, and returns its exit status or 128
+/// + the signal that ended it. Past kDeadline it kills the whole group and sets `timedOut`. With
+/// `interruptAfter`, interrupts the group as runProgram() says.
+int awaitGroupLeader(pid_t pid, bool& timedOut,
+                     std::optional<std::chrono::milliseconds> interruptAfter = std::nullopt) {
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  std::optional<std::chrono::steady_clock::time_point> handled;
+  int status = 0;
+  while (::waitpid(pid, &status, WNOHANG) == 0) {
+    const auto now = std::chrono::steady_clock::now();
+    if (interruptAfter && !handled && catchesInterrupt(pid)) handled = now;
+    if (interruptAfter && handled && now - *handled >= *interruptAfter && groupCatchesInterrupt(pid)) {
+      ::kill(-pid, SIGINT);
+      interruptAfter.reset();
+    }
+    if (!timedOut && now > deadline) {
+      timedOut = true;
+      ::kill(-pid, SIGKILL);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 }  // namespace
 
+ForkedChild::ForkedChild(const std::function<int()>& body) {
+  // Output still buffered would be written by both processes.
+  std::fflush(nullptr);
+  m_pid = ::fork();
+  if (m_pid < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+  if (m_pid == 0) {
+    ::setpgid(0, 0);
+    std::exit(body());
+  }
+}
+
+ForkedChild::~ForkedChild() {
+  if (m_pid > 0) join();
+}
+
+ProgramResult ForkedChild::join() {
+  ProgramResult result;
+  result.exitCode = awaitGroupLeader(m_pid, result.timedOut);
+  m_pid = -1;
+  return result;
+}
+
 ProgramResult runProgram(const std::vector<std::string>& argv, const std::string& input,
-                         const std::vector<std::string>& environment) {
+                         const std::vector<std::string>& environment,
+                         std::optional<std::chrono::milliseconds> interruptAfter) {
   // getenv finds the first entry of a name, so the added ones go first.
   std::vector<std::string> variables = environment;
   for (char** entry = environ; *entry != nullptr; ++entry) variables.emplace_back(*entry);
@@ -70,16 +152,7 @@ ProgramResult runProgram(const std::vector<std::string>& argv, const std::string
     ::_exit(kCannotStart);
   }
   ProgramResult result;
-  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  int status = 0;
-  while (::waitpid(pid, &status, WNOHANG) == 0) {
-    if (!result.timedOut && std::chrono::steady_clock::now() > deadline) {
-      result.timedOut = true;
-      ::kill(-pid, SIGKILL);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.exitCode = awaitGroupLeader(pid, result.timedOut, interruptAfter);
   result.out = out.content();
   result.err = err.content();
   return result;

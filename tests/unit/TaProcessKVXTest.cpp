@@ -1,16 +1,22 @@
 #include "agent/TaProcessKVX.h"
 
 #include <array>
+#include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <limits>
 #include <locale>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <log4cxx/appenderskeleton.h>
 #include <log4cxx/level.h>
+#include <boost/thread/exceptions.hpp>
 
 #include "common/LogRecorder.h"
 #include "tests/unit/FakeAgent.h"
@@ -277,7 +283,8 @@ TEST_F(TaProcessKVXTest, OversizedRequestsWarnOnceEachWithTheirLocation) {
   ASSERT_EQ(records.size(), 4u);
   for (size_t i = 0; i < records.size(); ++i) {
     const auto [message, function] = expected[i];
-    const std::string where = "|" + std::string(message) + "|" + TA_KVX_PROCESS_SOURCE + "|";
+    // The location names the source relative to the tree: binaries carry no build machine's path.
+    const std::string where = "|" + std::string(message) + "|agent/TaProcessKVX.cpp|";
     EXPECT_EQ(records[i].rfind("WARN" + where, 0), 0u) << records[i];
     EXPECT_NE(records[i].find(function), std::string::npos) << records[i];
     EXPECT_EQ(records[i].substr(records[i].rfind('|') + 1), std::to_string(lineOf(message))) << records[i];
@@ -291,6 +298,53 @@ TEST_F(TaProcessKVXTest, WarningsOffStillCutTheCount) {
   kvx->write_mem(at(0), 16, 1, data);
   EXPECT_TRUE(capture.records().empty());
   EXPECT_EQ(agent().calls().back().size, 8u);
+}
+
+/// An appender as a GUI host might write one: it annotates each record with a register read
+/// through the plug-in, and keeps the error that read met.
+class RegisterReadingAppender : public log4cxx::AppenderSkeleton {
+ public:
+  explicit RegisterReadingAppender(TaProcessKVX& process) : m_process(process) {}
+  void close() override {}
+  bool requiresLayout() const override { return false; }
+  std::vector<int> errors() const { return m_errors; }
+
+ protected:
+  void append(const log4cxx::spi::LoggingEventPtr& /*event*/, log4cxx::helpers::Pool& /*pool*/) override {
+    uint64_t pc = 0;
+    try {
+      m_process.read_register("pc", 1, 8, &pc);
+      m_errors.push_back(0);
+    } catch (const boost::lock_error& e) {
+      m_errors.push_back(e.code().value());
+    }
+  }
+
+ private:
+  TaProcessKVX& m_process;
+  std::vector<int> m_errors;
+};
+
+// The warning is logged while the access holds the session lock; the appender's access, made on
+// the same thread, would wait for it forever.
+TEST_F(TaProcessKVXTest, AppenderThatCallsThePluginGetsALockErrorAndTheLoggingAccessCompletes) {
+  auto kvx = process();
+  Warnings enabled;
+  auto appender = std::make_shared<RegisterReadingAppender>(*kvx);
+  const log4cxx::LoggerPtr logger = log4cxx::Logger::getLogger("tesk.ta.kvx");
+  logger->addAppender(appender);
+  std::packaged_task<bool()> oversizedRead([&kvx] {
+    uint8_t data[16] = {};
+    return kvx->read_mem(at(0), 16, 1, data);
+  });
+  std::future<bool> done = oversizedRead.get_future();
+  // Detached, so that a read that hangs fails this test instead of holding up the whole program.
+  std::thread(std::move(oversizedRead)).detach();
+  ASSERT_EQ(done.wait_for(std::chrono::seconds(10)), std::future_status::ready) << "the access hangs";
+  logger->removeAppender(appender);
+  EXPECT_TRUE(done.get());
+  EXPECT_EQ(appender->errors(), std::vector<int>{EDEADLK});
+  EXPECT_EQ(agent().functions(), std::vector<Fn>{Fn::IoRead}) << "the appender's read reached no agent";
 }
 
 // ---- Failures ----
