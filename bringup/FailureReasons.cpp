@@ -31,6 +31,8 @@ std::optional<std::string> sessionNotOpened(int32_t status, const common::Endpoi
       return std::string("no connection could be made (is the network reachable?)");
     case Status::kSessionRefused:
       return std::string("the agent refused the session");
+    case Status::kBusy:
+      return std::string("the agent is busy: another host holds its one session");
     case Status::kVersionMismatch:
       return std::string("the agent speaks another version of the agent protocol");
     case Status::kMalformedReply:

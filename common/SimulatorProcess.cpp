@@ -52,13 +52,18 @@ Endpoint parseReadyLine(const std::string& line) {
 
 SimulatorProcess::SimulatorProcess(std::string program, std::vector<std::string> options, Stderr stderrMode)
     : m_program(std::move(program)), m_stderrMode(stderrMode) {
-  spawn(options);
+  try {
+    spawn(options);
+  } catch (const std::runtime_error& error) {
+    throw StartFailure(error.what(), -1, "");
+  }
   try {
     m_endpoint = parseReadyLine(readReadyLine());
   } catch (const std::runtime_error& error) {
     // Stopped first, so that everything the child wrote is there to quote.
-    stop();
-    throw std::runtime_error(error.what() + capturedStderr());
+    const int status = stop();
+    const std::string said = capturedStderr();
+    throw StartFailure(error.what() + (said.empty() ? "" : "; it said:\n" + said), status, said);
   }
 }
 
@@ -141,7 +146,7 @@ std::string SimulatorProcess::capturedStderr() const {
   if (got <= 0) return "";
   std::string said(text, static_cast<size_t>(got));
   while (!said.empty() && (said.back() == '\n' || said.back() == ' ')) said.pop_back();
-  return "; it said:\n" + said;
+  return said;
 }
 
 int SimulatorProcess::reap(int seconds) {

@@ -13,6 +13,7 @@
 
 #include <sys/types.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -30,9 +31,24 @@ class SimulatorProcess {
     kCapture,
   };
 
+  /// Why a simulator did not start: the message, with what a captured stderr said at its end,
+  /// and the child's exit status (2 when it refused its options; -1 when it never ran).
+  class StartFailure : public std::runtime_error {
+   public:
+    StartFailure(const std::string& message, int exitStatus, std::string said)
+        : std::runtime_error(message), m_exitStatus(exitStatus), m_said(std::move(said)) {}
+    int exitStatus() const { return m_exitStatus; }
+    /// What the child wrote to a captured stderr, its last blank line cut.
+    const std::string& said() const { return m_said; }
+
+   private:
+    int m_exitStatus;
+    std::string m_said;
+  };
+
   /// Starts `program` with `options` after its name and waits until it listens. Throws
-  /// std::runtime_error when it cannot be started, exits first, or stays silent for ten seconds;
-  /// a child that was started is stopped first, and a captured stderr ends the message.
+  /// StartFailure when it cannot be started, exits first, or stays silent for ten seconds; a
+  /// child that was started is stopped first, and a captured stderr ends the message.
   SimulatorProcess(std::string program, std::vector<std::string> options,
                    Stderr stderrMode = Stderr::kInherit);
   /// Stops the simulator as stop() does.
@@ -62,7 +78,7 @@ class SimulatorProcess {
  private:
   /// Forks and executes the program; sets m_pid, m_stdout and, when capturing, m_stderr.
   void spawn(const std::vector<std::string>& options);
-  /// What the child wrote to a captured stderr so far, as the end of an error message; empty
+  /// What the child wrote to a captured stderr so far, trailing blanks cut; empty
   /// when it is not captured or the child wrote nothing.
   std::string capturedStderr() const;
   /// Reads the child's first stdout line within the start deadline.

@@ -104,8 +104,7 @@ int main(int argc, char** argv) {
                 << "Serves a simulated target over the agent protocol and prints\n"
                 << "\"listening on ADDRESS:PORT\" once ready. With a COMMAND, serves while it runs\n"
                 << "instead, tells it where in KVX_AGENT_SERVER (HOST:PORT), KVX_AGENT_ADDRESS and\n"
-                << "KVX_AGENT_PORT, and exits with\n"
-                << "its status. Numbers are decimal or 0x hexadecimal.\n\n"
+                << "KVX_AGENT_PORT, and exits with its status. Numbers are decimal or 0x hexadecimal.\n\n"
                 << described;
       return EXIT_SUCCESS;
     }
@@ -143,7 +142,7 @@ int main(int argc, char** argv) {
     options.spin = values.count("no-spin") == 0;
     options.quiet = values.count("quiet") > 0;
   } catch (const std::exception& error) {
-    std::cerr << "kvx-agent-sim: " << error.what() << "\n" << described;
+    std::cerr << "kvx-agent-sim: " << error.what() << " (try 'kvx-agent-sim --help')\n";
     return kUsageError;
   }
 

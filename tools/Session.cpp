@@ -18,6 +18,8 @@ namespace {
 
 /// The name of the process that kvx-ta asks the plug-in for.
 const char* const kProcessName = "kvx-ta";
+/// What kvx-agent-sim exits with when it refuses its options.
+constexpr int kSimulatorUsageStatus = 2;
 
 }  // namespace
 
@@ -83,7 +85,11 @@ common::Endpoint Session::agentEndpoint() {
     try {
       m_embedded = std::make_unique<common::SimulatorProcess>(simulatorPath(), options,
                                                               common::SimulatorProcess::Stderr::kCapture);
-    } catch (const std::runtime_error& failure) {
+    } catch (const common::SimulatorProcess::StartFailure& failure) {
+      // The simulator refuses options it cannot take with status 2, and says why in one line.
+      if (failure.exitStatus() == kSimulatorUsageStatus && !failure.said().empty()) {
+        throw bringup::usageError("invalid --sim-option: " + failure.said());
+      }
       throw bringup::Error(bringup::Error::Kind::kConnection, "cannot start the simulated agent",
                            failure.what());
     }

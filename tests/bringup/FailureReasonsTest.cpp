@@ -38,6 +38,8 @@ TEST(FailureReasonsTest, TheStandInsStatusNamesTheCauseAndItsKind) {
        "the agent refused the session"},
       {AgentFunction::kStartSession, Status::kMalformedReply, Error::Kind::kConnection,
        "what answered is not a KVX agent"},
+      {AgentFunction::kStartSession, Status::kBusy, Error::Kind::kConnection,
+       "the agent is busy: another host holds its one session"},
       {AgentFunction::kIoRead, Status::kDenied, Error::Kind::kTarget,
        "access denied: the agent closes this range to accesses"},
       {AgentFunction::kIoWrite, Status::kOutOfMemory, Error::Kind::kTarget, "the target is out of memory"},
