@@ -250,3 +250,27 @@ time.sleep(0.2)
 """
     finished = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60)
     assert finished.returncode == 0, finished.stderr
+
+
+
+def test_forked_children_have_sessions_of_their_own(kvx_target):
+    import multiprocessing
+
+    context = multiprocessing.get_context("fork")
+    results = context.Queue()
+
+    def child(n):
+        # The child inherits the Target; its first access opens a connection of its own.
+        kvx_target.write_u32(0x6004 + 4 * n, 10 + n)
+        results.put((n, kvx_target.read_u32(0x6004 + 4 * n)))
+
+    kvx_target.write_u32(0x6000, 1)
+    children = [context.Process(target=child, args=(n,)) for n in range(3)]
+    for process in children:
+        process.start()
+    for process in children:
+        process.join(30)
+    assert sorted(results.get(timeout=5) for _ in children) == [(n, 10 + n) for n in range(3)]
+    assert [process.exitcode for process in children] == [0, 0, 0]
+    # The parent's session outlives its children.
+    assert kvx_target.read_u32(0x6000) == 1 and kvx_target.read_u32(0x6008) == 11
