@@ -24,8 +24,11 @@ void Transfer::advance(uint64_t bytes) {
 Error Transfer::howFar(const Error& failure, const char* verb, std::optional<uint64_t> total) const {
   std::string note =
       "; " + std::to_string(m_moved) + (total ? " of " + byteCount(*total) : " bytes") + " were " + verb;
-  if (m_lastAddress && m_options.jobs == 1) note += ", the last at " + hexAddress(*m_lastAddress);
-  if (m_moved != 0 && m_options.jobs > 1) note += " by " + std::to_string(m_options.jobs) + " workers";
+  if (m_options.jobs > 1) {
+    note += " by " + std::to_string(m_options.jobs) + " workers";
+  } else if (m_lastAddress) {
+    note += ", the last at " + hexAddress(*m_lastAddress);
+  }
   return failure.explained(note);
 }
 
