@@ -1,8 +1,9 @@
 #include "tools/Script.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
-#include <fstream>
-#include <iostream>
 #include <sstream>
 #include <utility>
 
@@ -21,22 +22,47 @@ std::vector<std::string> commandWords(const std::string& line) {
   return words;
 }
 
+bool ScriptReader::readLine(std::string& line) {
+  for (;;) {
+    const size_t end = m_pending.find('\n');
+    if (end != std::string::npos || (m_ended && !m_pending.empty())) {
+      line = m_pending.substr(0, end);
+      m_pending.erase(0, end == std::string::npos ? std::string::npos : end + 1);
+      return true;
+    }
+    if (m_ended) return false;
+    char buffer[4096];
+    const ssize_t got = ::read(m_fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) {
+      // A Ctrl-C ends the wait for input; any other signal, the read goes on.
+      interrupt::check();
+      continue;
+    }
+    if (got < 0) throw bringup::fileError("read script", m_name, errno);
+    if (got == 0) m_ended = true;
+    m_pending.append(buffer, static_cast<size_t>(got));
+  }
+}
+
 bool ScriptReader::next(std::vector<std::string>& words) {
   std::string line;
-  while (std::getline(m_in, line)) {
+  for (;;) {
+    try {
+      if (!readLine(line)) break;
+    } catch (const bringup::Error& failure) {
+      throw located(failure, m_number + 1);
+    }
     ++m_number;
     if (m_number == 1 && line.compare(0, 3, "\xef\xbb\xbf") == 0) line.erase(0, 3);
     words = commandWords(line);
     if (!words.empty()) return true;
   }
-  // A signal ends the read as the end of the input would: say where it stopped.
-  ++m_number;
+  // A signal that came as the input ended still stops the script: say where.
   try {
     interrupt::check();
   } catch (const bringup::Error& failure) {
-    throw located(failure);
+    throw located(failure, m_number + 1);
   }
-  if (m_in.bad()) throw bringup::fileError("read script", m_name, errno);
   return false;
 }
 
@@ -46,12 +72,15 @@ bringup::Error ScriptReader::located(const bringup::Error& failure, unsigned num
 
 void runScript(const std::string& path, Session& session) {
   const bool fromStdin = path.empty() || path == "-";
-  std::ifstream file;
-  if (!fromStdin) {
-    file.open(path);
-    if (!file) throw bringup::fileError("read script", path, errno);
-  }
-  ScriptReader reader(fromStdin ? std::cin : file, fromStdin ? "stdin" : path);
+  const int fd = fromStdin ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw bringup::fileError("read script", path, errno);
+  struct CloseOnExit {
+    int fd;
+    ~CloseOnExit() {
+      if (fd != STDIN_FILENO) ::close(fd);
+    }
+  } closeOnExit{fd};
+  ScriptReader reader(fd, fromStdin ? "stdin" : path);
   const auto parse = [&](const std::vector<std::string>& words) {
     try {
       return parseCommand(words.front(), {words.begin() + 1, words.end()}, CommandContext::kScript,

@@ -2,7 +2,6 @@
 // command line; and the reading of such lines, which the shell shares. Single-threaded.
 #pragma once
 
-#include <iosfwd>
 #include <string>
 #include <vector>
 
@@ -17,11 +16,14 @@ class Session;
 std::vector<std::string> commandWords(const std::string& line);
 
 /// The lines of a script, or of the shell's input, read one at a time with their numbers. Blank
-/// lines and comments are skipped; a UTF-8 byte-order mark before the first line is too.
+/// lines and comments are skipped; a UTF-8 byte-order mark before the first line is too. Reads
+/// the file descriptor itself, so that a signal ends a read that waits for input (a stream would
+/// retry it).
 class ScriptReader {
  public:
-  /// Reads `in`, which must outlive the reader; `name` (a path, or "stdin") locates failures.
-  ScriptReader(std::istream& in, std::string name) : m_in(in), m_name(std::move(name)) {}
+  /// Reads the descriptor `fd`, which stays the caller's; `name` (a path, or "stdin") locates
+  /// failures.
+  ScriptReader(int fd, std::string name) : m_fd(fd), m_name(std::move(name)) {}
 
   /// The words of the next line that holds a command; false at the end of the input. Throws
   /// Error, located at the line: kInterrupted when a signal ended the read, kFile when reading
@@ -35,9 +37,15 @@ class ScriptReader {
   bringup::Error located(const bringup::Error& failure, unsigned number = 0) const;
 
  private:
-  std::istream& m_in;
+  /// The next line, without its newline; false at the end of the input.
+  bool readLine(std::string& line);
+
+  int m_fd;
   std::string m_name;
   unsigned m_number = 0;
+  /// What was read past the line last handed out.
+  std::string m_pending;
+  bool m_ended = false;
 };
 
 /// Runs the commands in the file at `path`, or on stdin when `path` is empty or "-". Every line

@@ -436,7 +436,7 @@ void runInteractive(Session& session) {
 // ---- Without a terminal ----
 
 void runPiped(Session& session) {
-  ScriptReader reader(std::cin, "stdin");
+  ScriptReader reader(STDIN_FILENO, "stdin");
   std::optional<Error> first;
   unsigned failures = 0;
   std::vector<std::string> words;

@@ -15,8 +15,13 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 #include <zlib.h>
+#include <nlohmann/json.hpp>
 
 #include "platform/protocol/AgentProtocol.h"
 #include "tests/support/ChildProcess.h"
@@ -273,6 +278,43 @@ TEST_F(KvxTaTest, OutputsNeverLie) {
       verbose.err,
       std::regex(R"(\n  the plug-in: Cannot read register nosuch \(TaProcessKVX\.cpp:\d+\)\n$)")))
       << verbose;
+}
+
+TEST_F(KvxTaTest, EveryJsonLineParsesAndCarriesSixtyFourBitValuesExactly) {
+  SimProcess sim({"--quiet", "--deny", "0xdead0000:0x100"});
+  const std::string bad = file("bad.hex", ":0400000001020304F2\n:00000001FF\n:0100000000FF\n");
+  for (const std::string& command : std::vector<std::string>{
+           "write64 0x3000 0x1122334455667799", "read 0x3000 8", "read64 0x3000 2", "dump 0x3000 20",
+           "crc32 0x3000 16", "search 0x3000 8 0x99", "modify 0x3000 1 --set 1", "regs",
+           "load " + bad + " 0x4000", "read 0xdead0010", "read 0 9", "--trace read 0x3000"}) {
+    const ProgramResult result = kvxTa("--json " + command, &sim);
+    for (const std::string* stream : {&result.out, &result.err}) {
+      std::istringstream lines(*stream);
+      for (std::string line; std::getline(lines, line);) {
+        EXPECT_FALSE(nlohmann::json::parse(line, nullptr, false).is_discarded())
+            << "case: " << command << ": not JSON: " << line << "\n"
+            << result;
+      }
+    }
+  }
+  EXPECT_EQ(kvxTa("--json read 0x3000 8", &sim).out,
+            "{\"address\":\"0x3000\",\"size\":8,\"value\":\"0x1122334455667799\"}\n");
+}
+
+TEST_F(KvxTaTest, CtrlCEndsAWaitAndAScriptThatWaitsForInput) {
+  const ProgramResult waiting = runProgram({KVX_TA_PATH, "-q", "wait", "0", "1", "--timeout", "60000"}, "",
+                                           {}, std::chrono::milliseconds(200));
+  EXPECT_TRUE(waiting.exitCode == 130 && waiting.err == "kvx-ta: stopped: interrupted (Ctrl-C)\n") << waiting;
+  // A script read from a FIFO that a writer holds open but never writes to.
+  const std::string fifo = m_dir + "commands";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const int writer = ::open(fifo.c_str(), O_RDWR);
+  const ProgramResult reading =
+      runProgram({KVX_TA_PATH, "-q", "script", fifo}, "", {}, std::chrono::milliseconds(200));
+  ::close(writer);
+  EXPECT_TRUE(reading.exitCode == 130 &&
+              reading.err == "kvx-ta: " + fifo + ":1: stopped: interrupted (Ctrl-C)\n")
+      << reading;
 }
 
 TEST_F(KvxTaTest, DemoRunsAndWarnsWhereTheLogConfigurationSays) {
