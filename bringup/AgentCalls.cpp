@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "agent/TargetAgent.h"
 #include "bringup/StandInBuildId.h"
@@ -207,9 +208,18 @@ SessionAttempt lastSessionAttempt() {
 }
 
 void observeAgentCalls(std::function<void(const AgentCall&)> observer) {
-  // The observer that is replaced is kept: a call on another thread may still be running it.
-  auto* kept = observer ? new std::function<void(const AgentCall&)>(std::move(observer)) : nullptr;
-  g_observer.store(kept, std::memory_order_release);
+  // Every observer ever set is kept until the program ends: a call on another thread may still
+  // be running the one that is replaced. A program sets one or two, so the list stays short.
+  using Observer = std::function<void(const AgentCall&)>;
+  static std::mutex keptMutex;
+  static auto* const kept = new std::vector<std::unique_ptr<Observer>>();  // never destroyed
+  Observer* current = nullptr;
+  if (observer) {
+    std::lock_guard<std::mutex> lock(keptMutex);
+    kept->push_back(std::make_unique<Observer>(std::move(observer)));
+    current = kept->back().get();
+  }
+  g_observer.store(current, std::memory_order_release);
 }
 
 const AgentLibrary& agentLibrary() {
